@@ -1,0 +1,202 @@
+// Process-wide logging: syslog-style levels, output modes, a tree of named log
+// modules, a printf-style front end and the stream front end used by all library code.
+//
+// Level, mode and the module tree are plain process-wide data without locks: change them
+// from one thread at a time (start-up, configuration, the remote log control). Logging
+// itself may happen from any thread; each thread builds its lines in its own buffer, so
+// lines never interleave.
+//
+// Typical use:
+//   static const auto s_log = ecu::tavi::logging::module("app.sensor");
+//   INFO << s_log << "value " << 42;
+//   INFO.do_flush();
+#pragma once
+
+#include <map>
+#include <memory>
+#include <ostream>
+#include <streambuf>
+#include <string>
+#include <vector>
+
+#include "ecu/tavi/export.h"
+
+namespace ecu::tavi::config {
+class Configuration;
+}
+
+namespace ecu::tavi::logging {
+
+// Equal to the syslog priorities, so a level goes to the system logger unchanged.
+using LogLevel = int;
+
+enum LogMode : int { SYSLOG = 0, STDOUT = 1, STDERR = 2 };
+
+class TAVI_EXPORT LogModule {
+public:
+    LogModule(bool enabled, std::string name, std::shared_ptr<LogModule> parent);
+
+    // Full dotted name; the root's name never appears in front ("tavi.com.acl"), and the
+    // root itself is called "root".
+    std::string name() const;
+    // Sets the enabled flag, with recursive also on every descendant.
+    void change(bool enabled, bool recursive);
+
+    bool enabled() const { return m_enabled; }
+    const std::string& own_name() const { return m_name; }
+    const std::map<std::string, std::shared_ptr<LogModule>>& children() const {
+        return m_children;
+    }
+    std::map<std::string, std::shared_ptr<LogModule>>& children() { return m_children; }
+    const std::shared_ptr<LogModule>& parent() const { return m_parent; }
+
+private:
+    bool m_enabled;
+    std::string m_name;
+    std::map<std::string, std::shared_ptr<LogModule>> m_children;
+    std::shared_ptr<LogModule> m_parent;
+};
+
+TAVI_EXPORT void set_log_level(int level);
+TAVI_EXPORT void set_log_level(char const* name);
+TAVI_EXPORT int get_log_level();
+TAVI_EXPORT const char* get_log_level_name();
+TAVI_EXPORT const char* get_default_log_level_name();
+// Name of a level, "UNKNOWN" outside 0..7.
+TAVI_EXPORT const char* level_name(int level);
+
+TAVI_EXPORT void set_log_mode(LogMode mode);
+TAVI_EXPORT void set_log_mode(char const* name);
+TAVI_EXPORT LogMode get_log_mode();
+TAVI_EXPORT const char* get_log_mode_name();
+TAVI_EXPORT const char* get_default_log_mode_name();
+
+// Applies the environment variable LOG_LEVEL, then a non-empty argument (which wins).
+TAVI_EXPORT void configure_logging(std::string const& level);
+// Applies "logging.mode", "logging.level", "logging.modules.enable" and
+// "logging.modules.disable", in that order; empty values are skipped.
+TAVI_EXPORT void set_from_config(std::unique_ptr<config::Configuration> const& configuration);
+
+// Returns the module with the given dotted path, creating missing modules (disabled) on
+// the way. "root" is the root itself.
+TAVI_EXPORT std::shared_ptr<LogModule> module(std::string const& path);
+TAVI_EXPORT std::shared_ptr<LogModule> module(std::vector<std::string> const& segments);
+
+TAVI_EXPORT bool enable(std::string const& path, bool recursive);
+TAVI_EXPORT bool disable(std::string const& path, bool recursive);
+TAVI_EXPORT bool enable(std::shared_ptr<LogModule>& module, bool recursive);
+TAVI_EXPORT bool disable(std::shared_ptr<LogModule>& module, bool recursive);
+TAVI_EXPORT void enable_all();
+TAVI_EXPORT void disable_all();
+
+// printf-style front end. Only the level decides; a module's enabled flag filters the
+// stream front end only.
+#define TAVI_PRINTF_LIKE(f, a) __attribute__((format(printf, f, a)))
+TAVI_EXPORT void emergency(char const* format, ...) TAVI_PRINTF_LIKE(1, 2);
+TAVI_EXPORT void alert(char const* format, ...) TAVI_PRINTF_LIKE(1, 2);
+TAVI_EXPORT void critical(char const* format, ...) TAVI_PRINTF_LIKE(1, 2);
+TAVI_EXPORT void error(char const* format, ...) TAVI_PRINTF_LIKE(1, 2);
+TAVI_EXPORT void warning(char const* format, ...) TAVI_PRINTF_LIKE(1, 2);
+TAVI_EXPORT void notice(char const* format, ...) TAVI_PRINTF_LIKE(1, 2);
+TAVI_EXPORT void info(char const* format, ...) TAVI_PRINTF_LIKE(1, 2);
+TAVI_EXPORT void debug(char const* format, ...) TAVI_PRINTF_LIKE(1, 2);
+TAVI_EXPORT void emergency(std::shared_ptr<LogModule> const& module, char const* format, ...)
+    TAVI_PRINTF_LIKE(2, 3);
+TAVI_EXPORT void alert(std::shared_ptr<LogModule> const& module, char const* format, ...)
+    TAVI_PRINTF_LIKE(2, 3);
+TAVI_EXPORT void critical(std::shared_ptr<LogModule> const& module, char const* format, ...)
+    TAVI_PRINTF_LIKE(2, 3);
+TAVI_EXPORT void error(std::shared_ptr<LogModule> const& module, char const* format, ...)
+    TAVI_PRINTF_LIKE(2, 3);
+TAVI_EXPORT void warning(std::shared_ptr<LogModule> const& module, char const* format, ...)
+    TAVI_PRINTF_LIKE(2, 3);
+TAVI_EXPORT void notice(std::shared_ptr<LogModule> const& module, char const* format, ...)
+    TAVI_PRINTF_LIKE(2, 3);
+TAVI_EXPORT void info(std::shared_ptr<LogModule> const& module, char const* format, ...)
+    TAVI_PRINTF_LIKE(2, 3);
+TAVI_EXPORT void debug(std::shared_ptr<LogModule> const& module, char const* format, ...)
+    TAVI_PRINTF_LIKE(2, 3);
+#undef TAVI_PRINTF_LIKE
+
+namespace _internal {
+
+// Drops every child of the root and disables the root.
+TAVI_EXPORT void reset_modules();
+
+// Current level, read inline on every stream insertion so suppressed lines cost almost
+// nothing.
+TAVI_EXPORT extern int g_log_level;
+
+class TAVI_EXPORT LogStreambuf : public std::streambuf {
+public:
+    explicit LogStreambuf(LogLevel level) : m_level(level) {}
+
+    // The module the thread's current line is attributed to; the root when none is.
+    static std::shared_ptr<LogModule>& get_active_module();
+    static std::string& buffer();
+
+    // Whether a stream of this level lets text through for the thread's current line:
+    // severe levels always do, the others only within the global level and when the
+    // line's module is enabled.
+    bool passes() const {
+        return m_level < 5 || (m_level <= g_log_level && get_active_module()->enabled());
+    }
+    LogLevel level() const { return m_level; }
+
+protected:
+    int sync() override;
+    std::streamsize xsputn(const char* s, std::streamsize n) override;
+    int_type overflow(int_type c) override;
+
+private:
+    LogLevel m_level;
+};
+
+class TAVI_EXPORT LogStream : public std::ostream {
+public:
+    explicit LogStream(LogLevel level);
+
+    // Ends the line: console modes get exactly one newline, syslog lines none.
+    void do_flush();
+    LogStreambuf& streambuf() { return m_buf; }
+
+private:
+    LogStreambuf m_buf;
+};
+
+}  // namespace _internal
+
+// Attributes the current line of this thread to a module.
+TAVI_EXPORT _internal::LogStream& operator<<(_internal::LogStream& stream,
+                                             std::shared_ptr<LogModule> const& module);
+
+template <typename T>
+_internal::LogStream& operator<<(_internal::LogStream& stream, T const& value) {
+    if (stream.streambuf().level() > 4 && stream.streambuf().level() > _internal::g_log_level) {
+        return stream;  // cheap early out before any module lookup or formatting
+    }
+    if (stream.streambuf().passes()) {
+        static_cast<std::ostream&>(stream) << value;
+    }
+    return stream;
+}
+
+inline _internal::LogStream& operator<<(_internal::LogStream& stream,
+                                        std::ostream& (*manip)(std::ostream&)) {
+    if (stream.streambuf().passes()) {
+        manip(stream);
+    }
+    return stream;
+}
+
+// The eight stream objects of levels 0..7.
+TAVI_EXPORT extern _internal::LogStream EMERG;
+TAVI_EXPORT extern _internal::LogStream ALERT;
+TAVI_EXPORT extern _internal::LogStream CRITICAL;
+TAVI_EXPORT extern _internal::LogStream ERROR;
+TAVI_EXPORT extern _internal::LogStream WARNING;
+TAVI_EXPORT extern _internal::LogStream NOTICE;
+TAVI_EXPORT extern _internal::LogStream INFO;
+TAVI_EXPORT extern _internal::LogStream DEBUG;
+
+}  // namespace ecu::tavi::logging

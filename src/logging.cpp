@@ -1,0 +1,398 @@
+#include "ecu/tavi/logging/logging.h"
+
+#include <syslog.h>
+
+#include <cctype>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "ecu/tavi/config/configuration.h"
+
+namespace ecu::tavi::logging {
+namespace _internal {
+int g_log_level = 5;
+}  // namespace _internal
+
+namespace {
+
+constexpr int kDefaultLevel = 5;
+const char* const kLevelNames[8] = {"EMERG",   "ALERT",  "CRITICAL", "ERROR",
+                                    "WARNING", "NOTICE", "INFO",     "DEBUG"};
+const char* const kModeNames[3] = {"SYSLOG", "STDOUT", "STDERR"};
+
+LogMode g_log_mode = SYSLOG;
+// Constant-initialised, so units that create their module during start-up may do so
+// before this unit's own initialisers have run.
+std::shared_ptr<LogModule> g_root;
+
+// The single output core of both front ends.
+void vlog(int level, const char* format, va_list args) {
+    if (level > _internal::g_log_level) {
+        return;
+    }
+    if (g_log_mode == SYSLOG) {
+        vsyslog(level, format, args);
+        return;
+    }
+    // Both console modes write to standard output; the stream lock keeps the prefix and the
+    // text of one line together when several threads log at once.
+    flockfile(stdout);
+    std::printf("[%s]: ", level_name(level));
+    std::vfprintf(stdout, format, args);
+    funlockfile(stdout);
+}
+
+void log_with_module(int level, std::shared_ptr<LogModule> const& module, const char* format,
+                     va_list args) {
+    if (level > _internal::g_log_level) {
+        return;
+    }
+    const std::string prefixed = "[" + module->name() + "] " + format;
+    vlog(level, prefixed.c_str(), args);
+}
+
+std::string upper(const char* text) {
+    std::string result = text != nullptr ? text : "";
+    for (char& c : result) {
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    }
+    return result;
+}
+
+// Splits at every blank; adjacent blanks give empty tokens, which are kept.
+std::vector<std::string> split(const std::string& text, char separator) {
+    std::vector<std::string> tokens;
+    size_t start = 0;
+    for (;;) {
+        const size_t pos = text.find(separator, start);
+        if (pos == std::string::npos) {
+            tokens.push_back(text.substr(start));
+            return tokens;
+        }
+        tokens.push_back(text.substr(start, pos - start));
+        start = pos + 1;
+    }
+}
+
+}  // namespace
+
+LogModule::LogModule(bool enabled, std::string name, std::shared_ptr<LogModule> parent)
+    : m_enabled(enabled), m_name(std::move(name)), m_parent(std::move(parent)) {}
+
+std::string LogModule::name() const {
+    if (m_parent && m_parent->m_parent) {
+        return m_parent->name() + "." + m_name;
+    }
+    return m_name;
+}
+
+void LogModule::change(bool enabled, bool recursive) {
+    m_enabled = enabled;
+    if (recursive) {
+        for (auto& [name, child] : m_children) {
+            child->change(enabled, true);
+        }
+    }
+}
+
+const char* level_name(int level) {
+    return level >= 0 && level < 8 ? kLevelNames[level] : "UNKNOWN";
+}
+
+void set_log_level(int level) {
+    if (static_cast<unsigned>(level) < 8) {
+        _internal::g_log_level = level;
+    }
+}
+
+void set_log_level(char const* name) {
+    const std::string wanted = upper(name);
+    for (int level = 0; level < 8; ++level) {
+        if (wanted == kLevelNames[level]) {
+            _internal::g_log_level = level;
+            return;
+        }
+    }
+    NOTICE << "Level '" << wanted << "' not valid, set to default: '"
+           << get_default_log_level_name() << "'";
+    NOTICE.do_flush();
+    _internal::g_log_level = kDefaultLevel;
+}
+
+int get_log_level() { return _internal::g_log_level; }
+const char* get_log_level_name() { return level_name(_internal::g_log_level); }
+const char* get_default_log_level_name() { return kLevelNames[kDefaultLevel]; }
+
+void set_log_mode(LogMode mode) { g_log_mode = mode; }
+
+void set_log_mode(char const* name) {
+    const std::string wanted = upper(name);
+    for (int mode = 0; mode < 3; ++mode) {
+        if (wanted == kModeNames[mode]) {
+            g_log_mode = static_cast<LogMode>(mode);
+            return;
+        }
+    }
+    NOTICE << "Mode '" << wanted << "' not valid, set to default: '"
+           << get_default_log_mode_name() << "'";
+    NOTICE.do_flush();
+    g_log_mode = SYSLOG;
+}
+
+LogMode get_log_mode() { return g_log_mode; }
+
+const char* get_log_mode_name() {
+    return g_log_mode >= 0 && g_log_mode < 3 ? kModeNames[g_log_mode] : "UNKNOWN";
+}
+
+const char* get_default_log_mode_name() { return kModeNames[SYSLOG]; }
+
+void configure_logging(std::string const& level) {
+    const char* env = std::getenv("LOG_LEVEL");
+    if (env != nullptr && env[0] != '\0') {
+        DEBUG << "Set loglevel from env LOG_LEVEL to '" << env << "'";
+        DEBUG.do_flush();
+        set_log_level(env);
+    }
+    if (level.empty()) {
+        return;
+    }
+    // Applied after the environment, so an explicit argument wins.
+    DEBUG << "Set loglevel from args to '" << level << "'";
+    DEBUG.do_flush();
+    set_log_level(level.c_str());
+}
+
+void set_from_config(std::unique_ptr<config::Configuration> const& configuration) {
+    const std::string& mode = configuration->get("logging.mode");
+    if (!mode.empty()) {
+        set_log_mode(mode.c_str());
+    }
+    const std::string& level = configuration->get("logging.level");
+    if (!level.empty()) {
+        set_log_level(level.c_str());
+    }
+    // Enabling first, so a module named in both lists ends disabled.
+    const std::string& enabled = configuration->get("logging.modules.enable");
+    if (!enabled.empty()) {
+        for (const auto& token : split(enabled, ' ')) {
+            enable(token, true);
+        }
+    }
+    const std::string& disabled = configuration->get("logging.modules.disable");
+    if (!disabled.empty()) {
+        for (const auto& token : split(disabled, ' ')) {
+            disable(token, true);
+        }
+    }
+}
+
+namespace {
+// The root is created on first use, enabled; it is never replaced, only emptied.
+const std::shared_ptr<LogModule>& root() {
+    if (!g_root) {
+        g_root = std::make_shared<LogModule>(false, "root", nullptr);
+        g_root->change(true, false);
+    }
+    return g_root;
+}
+}  // namespace
+
+std::shared_ptr<LogModule> module(std::vector<std::string> const& segments) {
+    if (segments.size() == 1 && segments[0] == "root") {
+        return root();
+    }
+    std::shared_ptr<LogModule> current = root();
+    for (const auto& segment : segments) {
+        auto& children = current->children();
+        auto found = children.find(segment);
+        if (found != children.end()) {
+            current = found->second;
+            continue;
+        }
+        auto [inserted, ok] =
+            children.emplace(segment, std::make_shared<LogModule>(false, segment, current));
+        if (!ok) {
+            ERROR << "Unable to insert new log module: " << segment
+                  << " use 'root' module instead.";
+            ERROR.do_flush();
+            return root();
+        }
+        current = inserted->second;
+    }
+    return current;
+}
+
+std::shared_ptr<LogModule> module(std::string const& path) { return module(split(path, '.')); }
+
+bool enable(std::string const& path, bool recursive) {
+    module(path)->change(true, recursive);
+    return true;
+}
+
+bool disable(std::string const& path, bool recursive) {
+    module(path)->change(false, recursive);
+    return true;
+}
+
+bool enable(std::shared_ptr<LogModule>& module, bool recursive) {
+    if (!module) {
+        return false;
+    }
+    module->change(true, recursive);
+    return true;
+}
+
+bool disable(std::shared_ptr<LogModule>& module, bool recursive) {
+    if (!module) {
+        return false;
+    }
+    module->change(false, recursive);
+    return true;
+}
+
+void enable_all() { root()->change(true, true); }
+void disable_all() { root()->change(false, true); }
+
+#define TAVI_DEFINE_PRINTF(function, level)                                        \
+    void function(char const* format, ...) {                                       \
+        va_list args;                                                              \
+        va_start(args, format);                                                    \
+        vlog(level, format, args);                                                 \
+        va_end(args);                                                              \
+    }                                                                              \
+    void function(std::shared_ptr<LogModule> const& module, char const* format, ...) { \
+        va_list args;                                                              \
+        va_start(args, format);                                                    \
+        log_with_module(level, module, format, args);                              \
+        va_end(args);                                                              \
+    }
+
+TAVI_DEFINE_PRINTF(emergency, 0)
+TAVI_DEFINE_PRINTF(alert, 1)
+TAVI_DEFINE_PRINTF(critical, 2)
+TAVI_DEFINE_PRINTF(error, 3)
+TAVI_DEFINE_PRINTF(warning, 4)
+TAVI_DEFINE_PRINTF(notice, 5)
+TAVI_DEFINE_PRINTF(info, 6)
+TAVI_DEFINE_PRINTF(debug, 7)
+#undef TAVI_DEFINE_PRINTF
+
+namespace _internal {
+
+void reset_modules() {
+    root()->children().clear();
+    root()->change(false, true);
+}
+
+namespace {
+// One line buffer and one active module per thread, shared by all eight streams.
+struct ThreadLine {
+    std::string buffer;
+    std::shared_ptr<LogModule> active_module;
+};
+thread_local ThreadLine t_line;
+}  // namespace
+
+std::shared_ptr<LogModule>& LogStreambuf::get_active_module() {
+    if (!t_line.active_module) {
+        t_line.active_module = root();
+    }
+    return t_line.active_module;
+}
+
+std::string& LogStreambuf::buffer() { return t_line.buffer; }
+
+int LogStreambuf::sync() {
+    auto& active = get_active_module();
+    if (active->enabled() || m_level <= 4) {
+        if (!t_line.buffer.empty()) {
+            char const* format = "%s";
+            // Routed through the core so level and mode apply as for printf-style lines.
+            switch (m_level) {
+                default:
+                    logging::debug(format, t_line.buffer.c_str());
+                    break;
+                case 0:
+                    logging::emergency(format, t_line.buffer.c_str());
+                    break;
+                case 1:
+                    logging::alert(format, t_line.buffer.c_str());
+                    break;
+                case 2:
+                    logging::critical(format, t_line.buffer.c_str());
+                    break;
+                case 3:
+                    logging::error(format, t_line.buffer.c_str());
+                    break;
+                case 4:
+                    logging::warning(format, t_line.buffer.c_str());
+                    break;
+                case 5:
+                    logging::notice(format, t_line.buffer.c_str());
+                    break;
+                case 6:
+                    logging::info(format, t_line.buffer.c_str());
+                    break;
+            }
+        }
+    }
+    t_line.buffer.clear();
+    active = root();
+    return 0;
+}
+
+std::streamsize LogStreambuf::xsputn(const char* s, std::streamsize n) {
+    t_line.buffer.append(s, static_cast<size_t>(n));
+    return n;
+}
+
+LogStreambuf::int_type LogStreambuf::overflow(int_type c) {
+    if (traits_type::eq_int_type(c, traits_type::eof())) {
+        sync();
+        return c;
+    }
+    t_line.buffer.push_back(traits_type::to_char_type(c));
+    return c;
+}
+
+LogStream::LogStream(LogLevel level) : std::ostream(nullptr), m_buf(level) { rdbuf(&m_buf); }
+
+void LogStream::do_flush() {
+    // A suppressed line buffered nothing: skip the stream machinery entirely, which keeps
+    // disabled DEBUG lines nearly free.
+    if (m_buf.level() > 4 && m_buf.level() > g_log_level && t_line.buffer.empty()) {
+        return;
+    }
+    // Console lines end in exactly one newline; a flush with nothing buffered writes nothing.
+    if (g_log_mode != SYSLOG && !t_line.buffer.empty() && m_buf.passes()) {
+        static_cast<std::ostream&>(*this) << '\n';
+    }
+    flush();
+}
+
+}  // namespace _internal
+
+_internal::LogStream& operator<<(_internal::LogStream& stream,
+                                 std::shared_ptr<LogModule> const& module) {
+    const int level = stream.streambuf().level();
+    if (level > 4 && level > _internal::g_log_level) {
+        return stream;
+    }
+    _internal::LogStreambuf::get_active_module() = module;
+    stream << "[" << module->name() << "] ";
+    return stream;
+}
+
+_internal::LogStream EMERG(0);
+_internal::LogStream ALERT(1);
+_internal::LogStream CRITICAL(2);
+_internal::LogStream ERROR(3);
+_internal::LogStream WARNING(4);
+_internal::LogStream NOTICE(5);
+_internal::LogStream INFO(6);
+_internal::LogStream DEBUG(7);
+
+}  // namespace ecu::tavi::logging

@@ -1,0 +1,183 @@
+#include "ecu/tavi/datetime.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fstream>
+#include <regex>
+#include <string>
+
+#include "datetime_internal.h"
+#include "ecu/tavi/fs/fs.h"
+#include "ecu/tavi/logging/logging.h"
+#include "support/capture.h"
+
+namespace ecu::tavi {
+namespace {
+
+class DateTimeTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        logging::set_log_mode(logging::STDOUT);
+        logging::set_log_level(7);
+        logging::enable("tavi.datetime", false);
+    }
+};
+
+uint64_t steady_ns() {
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                     std::chrono::steady_clock::now().time_since_epoch())
+                                     .count());
+}
+
+TEST_F(DateTimeTest, ValidityThresholdsAreExclusive) {
+    EXPECT_FALSE(DateTime::is_valid_time_s(0));
+    EXPECT_FALSE(DateTime::is_valid_time_s(1514764800ULL));
+    EXPECT_TRUE(DateTime::is_valid_time_s(1514764801ULL));
+    EXPECT_FALSE(DateTime::is_valid_time_ms(1514764800000ULL));
+    EXPECT_TRUE(DateTime::is_valid_time_ms(1514764800001ULL));
+    EXPECT_FALSE(DateTime::is_valid_time_us(1514764800000000ULL));
+    EXPECT_TRUE(DateTime::is_valid_time_us(1514764800000001ULL));
+    // A valid seconds count is far below the thresholds of the finer units.
+    EXPECT_FALSE(DateTime::is_valid_time_ms(1514764801ULL));
+    EXPECT_FALSE(DateTime::is_valid_time_us(1514764800001ULL));
+}
+
+TEST_F(DateTimeTest, WallClockUnitsAgree) {
+    const uint64_t s = DateTime::systemtime_s();
+    const uint64_t ms = DateTime::systemtime_ms();
+    const uint64_t us = DateTime::systemtime_us();
+    EXPECT_LE(s, ms / 1000);
+    EXPECT_LE(ms, us / 1000);
+    EXPECT_LE(us / 1000000 - s, 1u);
+    EXPECT_TRUE(DateTime::is_valid_time_s(s));
+}
+
+TEST_F(DateTimeTest, MissingDeviceFallsBackToSteadyClock) {
+    test::StdoutCapture out;
+    detail::BootClock clock("/nonexistent/p4_time");
+    EXPECT_EQ(out.text(),
+              "[ALERT]: [tavi.datetime] Could not open device /nonexistent/p4_time errno:2\n");
+
+    const uint64_t before = steady_ns();
+    uint64_t previous = clock.now_ns();
+    for (int i = 0; i < 1000; ++i) {
+        const uint64_t now = clock.now_ns();
+        ASSERT_GE(now, previous);
+        previous = now;
+    }
+    EXPECT_GE(clock.now_ns(), before);
+    EXPECT_LE(clock.now_ns(), steady_ns());
+}
+
+TEST_F(DateTimeTest, FailingIoctlFallsBackToSteadyClock) {
+    detail::BootClock clock("/dev/null");  // opens, but knows no such request
+    test::StdoutCapture out;
+    const uint64_t before = steady_ns();
+    const uint64_t now = clock.now_ns();
+    EXPECT_GE(now, before);
+    EXPECT_LE(now, steady_ns());
+    EXPECT_EQ(out.text(), "[ERROR]: [tavi.datetime] Ioctl error\n");
+}
+
+TEST_F(DateTimeTest, ProcessBootClockIsMonotonic) {
+    // No time device on a development machine: the process-wide clock must still run.
+    uint64_t previous = DateTime::time_since_boot_ns();
+    for (int i = 0; i < 1000; ++i) {
+        const uint64_t now = DateTime::time_since_boot_ns();
+        ASSERT_GE(now, previous);
+        previous = now;
+    }
+    EXPECT_LE(DateTime::time_since_boot_ms(), DateTime::time_since_boot_ns() / 1000000);
+    EXPECT_EQ(DateTime::convert_time_ms(1999999), 1u);
+}
+
+TEST_F(DateTimeTest, BootStampsConvertToWallClock) {
+    const uint64_t boot_ms = DateTime::time_since_boot_ms();
+    const uint64_t before = DateTime::systemtime_ms();
+    const uint64_t converted = DateTime::convert_boot_to_system_ms(boot_ms - 5000);
+    const uint64_t after = DateTime::systemtime_ms();
+    EXPECT_GE(converted + 5000, before - 1);
+    EXPECT_LE(converted + 5000, after + 1);
+}
+
+TEST_F(DateTimeTest, WaitForValidSystemtimeWithValidClock) {
+    test::StdoutCapture out;
+    EXPECT_TRUE(DateTime::wait_for_valid_systemtime(0));
+    EXPECT_TRUE(std::regex_match(
+        out.text(),
+        std::regex(R"(\[NOTICE\]: \[tavi.datetime\] Valid system time detected: \d{13}\n)")))
+        << out.text();
+}
+
+TEST_F(DateTimeTest, WaitForValidSystemtimePollsUntilValidOrTimeout) {
+    int sleeps = 0;
+    auto count_sleep = [&sleeps] { ++sleeps; };
+    {
+        test::StdoutCapture out;
+        EXPECT_FALSE(detail::wait_for_valid_systemtime(
+            0, [] { return 1000u; }, count_sleep));
+        EXPECT_EQ(out.text(),
+                  "[NOTICE]: [tavi.datetime] Waiting for a valid system time (0 seconds) ...\n"
+                  "[WARNING]: [tavi.datetime] Wait for a valid system time timed out after 0 "
+                  "seconds! No valid system time available!\n");
+        EXPECT_EQ(sleeps, 0);
+    }
+    {
+        test::StdoutCapture out;
+        EXPECT_FALSE(detail::wait_for_valid_systemtime(
+            3, [] { return 1514764800000u; }, count_sleep));
+        EXPECT_EQ(sleeps, 3);
+        EXPECT_NE(out.text().find("timed out after 3 seconds!"), std::string::npos);
+    }
+    {
+        sleeps = 0;
+        int reads = 0;
+        auto clock = [&reads]() -> uint64_t { return ++reads < 3 ? 0 : 1600000000000u; };
+        test::StdoutCapture out;
+        EXPECT_TRUE(detail::wait_for_valid_systemtime(10, clock, count_sleep));
+        EXPECT_EQ(sleeps, 2);
+        EXPECT_EQ(out.text(),
+                  "[NOTICE]: [tavi.datetime] Waiting for a valid system time (10 seconds) ...\n"
+                  "[NOTICE]: [tavi.datetime] Valid system time detected: 1600000000000\n");
+    }
+}
+
+TEST_F(DateTimeTest, BootIdIsTheKernels) {
+    std::ifstream file("/proc/sys/kernel/random/boot_id");
+    std::string expected;
+    ASSERT_TRUE(std::getline(file, expected));
+    test::StdoutCapture out;
+    const Uuid id = DateTime::boot_id();
+    EXPECT_FALSE(id.is_null());
+    EXPECT_EQ(id.to_string(), expected);
+    EXPECT_EQ(id, DateTime::boot_id());
+    EXPECT_NE(out.text().find("[DEBUG]: [tavi.datetime] Parsing raw boot_id = " + expected + "\n"),
+              std::string::npos);
+    EXPECT_NE(out.text().find("[INFO]: [tavi.datetime] Got boot_id = " + expected + "\n"),
+              std::string::npos);
+}
+
+TEST_F(DateTimeTest, BootIdFailuresGiveNullId) {
+    fs::TempDirectory dir;
+    const std::string empty = dir.path() + "/empty";
+    const std::string garbage = dir.path() + "/garbage";
+    ASSERT_TRUE(fs::create_file_with_contents(empty, ""));
+    ASSERT_TRUE(fs::create_file_with_contents(garbage, "71161033-3534-4c60-a005-b025f64f90e\n"));
+
+    test::StdoutCapture out;
+    EXPECT_TRUE(detail::read_boot_id(dir.path() + "/missing").is_null());
+    EXPECT_TRUE(detail::read_boot_id(empty).is_null());
+    EXPECT_TRUE(detail::read_boot_id(garbage).is_null());
+    const std::string text = out.text();
+    EXPECT_NE(text.find("[ERROR]: [tavi.datetime] Could not open boot_id device\n"),
+              std::string::npos);
+    EXPECT_NE(text.find("[ERROR]: [tavi.datetime] Could not read boot_id from " + empty + "\n"),
+              std::string::npos);
+    EXPECT_NE(text.find("[ERROR]: [tavi.datetime] Could not parse boot_id from " + garbage + "\n"),
+              std::string::npos);
+    EXPECT_EQ(Uuid{}.to_string(), "00000000-0000-0000-0000-000000000000");
+}
+
+}  // namespace
+}  // namespace ecu::tavi

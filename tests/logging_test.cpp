@@ -1,0 +1,220 @@
+#include "ecu/tavi/logging/logging.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "ecu/tavi/config/configuration.h"
+#include "support/capture.h"
+
+namespace ecu::tavi::logging {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+class LoggingTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        _internal::reset_modules();
+        enable("root", false);
+        set_log_mode(STDOUT);
+        set_log_level(5);
+        ::unsetenv("LOG_LEVEL");
+    }
+    void TearDown() override {
+        set_log_mode(SYSLOG);
+        set_log_level(5);
+    }
+};
+
+TEST_F(LoggingTest, LevelsByNumberAndName) {
+    set_log_level(8);
+    set_log_level(-1);
+    EXPECT_EQ(get_log_level(), 5);
+    set_log_level("info");
+    EXPECT_EQ(get_log_level(), 6);
+    EXPECT_STREQ(get_log_level_name(), "INFO");
+
+    set_log_level(5);
+    test::StdoutCapture out;
+    set_log_level("verbose");
+    EXPECT_EQ(get_log_level(), 5);
+    set_log_mode("journal");
+    EXPECT_EQ(get_log_mode(), SYSLOG);
+    set_log_mode(static_cast<LogMode>(9));
+    EXPECT_STREQ(get_log_mode_name(), "UNKNOWN");
+    set_log_mode("stdout");
+    // Both messages are written in the mode in force before the change.
+    EXPECT_EQ(out.finish(),
+              "[NOTICE]: Level 'VERBOSE' not valid, set to default: 'NOTICE'\n"
+              "[NOTICE]: Mode 'JOURNAL' not valid, set to default: 'SYSLOG'\n");
+}
+
+TEST_F(LoggingTest, PrintfFrontEndObeysLevelOnlyAndWritesStdoutInBothConsoleModes) {
+    auto acl = module("tavi.com.acl");
+    ASSERT_FALSE(acl->enabled());
+    set_log_level(4);
+    set_log_mode(STDERR);
+    test::StdoutCapture out;
+    notice("hidden %d\n", 1);
+    error("shown %d\n", 2);
+    warning(acl, "disabled module still logs %s\n", "x");
+    EXPECT_EQ(out.finish(),
+              "[ERROR]: shown 2\n"
+              "[WARNING]: [tavi.com.acl] disabled module still logs x\n");
+}
+
+TEST_F(LoggingTest, ModuleTreeNames) {
+    EXPECT_EQ(module("tavi.com.acl")->name(), "tavi.com.acl");
+    EXPECT_EQ(module("root")->name(), "root");
+    EXPECT_EQ(module("root"), module(std::vector<std::string>{"root"}));
+    auto x = module("root.x");
+    EXPECT_EQ(x->name(), "root.x");
+    EXPECT_EQ(x->parent()->parent(), module("root"));
+    EXPECT_EQ(module("a..b")->parent()->own_name(), "");
+    EXPECT_EQ(module("tavi.com"), module("tavi.com.acl")->parent());
+}
+
+TEST_F(LoggingTest, EnableDisableRecursively) {
+    auto acl = module("tavi.com.acl");
+    auto tavi = module("tavi");
+    enable("tavi", false);
+    EXPECT_TRUE(tavi->enabled());
+    EXPECT_FALSE(acl->enabled());
+    enable("tavi", true);
+    EXPECT_TRUE(acl->enabled());
+    disable_all();
+    EXPECT_FALSE(module("root")->enabled());
+    EXPECT_FALSE(acl->enabled());
+    std::shared_ptr<LogModule> none;
+    EXPECT_FALSE(enable(none, true));
+    EXPECT_TRUE(enable(acl, false));
+    EXPECT_TRUE(acl->enabled());
+}
+
+TEST_F(LoggingTest, StreamLinesAndModuleFilter) {
+    auto mqtt = module("tavi.com.mqttclient");
+    set_log_level(7);
+    test::StdoutCapture out;
+
+    INFO << mqtt << "disabled " << 1;
+    INFO.do_flush();
+    INFO << "back to root";
+    INFO.do_flush();
+    ERROR << mqtt << "severe passes";
+    ERROR.do_flush();
+    enable(mqtt, false);
+    INFO << mqtt << "value " << 42;
+    INFO.do_flush();
+    INFO.do_flush();  // empty line: nothing at all
+    WARNING << "with endl" << std::endl;
+    EXPECT_EQ(out.finish(),
+              "[INFO]: back to root\n"
+              "[ERROR]: [tavi.com.mqttclient] severe passes\n"
+              "[INFO]: [tavi.com.mqttclient] value 42\n"
+              "[WARNING]: with endl\n");
+}
+
+TEST_F(LoggingTest, SuppressedDebugLeavesNoTrace) {
+    auto mqtt = module("tavi.com.mqttclient");
+    enable(mqtt, false);
+    test::StdoutCapture out;
+    DEBUG << mqtt << "text " << 42;
+    DEBUG.do_flush();
+    EXPECT_TRUE(_internal::LogStreambuf::buffer().empty());
+    EXPECT_EQ(_internal::LogStreambuf::get_active_module(), module("root"));
+    set_log_level(7);
+    DEBUG << "next";
+    DEBUG.do_flush();
+    EXPECT_EQ(out.finish(), "[DEBUG]: next\n");
+}
+
+TEST_F(LoggingTest, SyslogModeAddsNoNewline) {
+    set_log_mode(SYSLOG);
+    test::StdoutCapture out;
+    ERROR << module("tavi.x") << "to syslog";
+    ERROR.do_flush();
+    EXPECT_EQ(out.finish(), "");
+    EXPECT_TRUE(_internal::LogStreambuf::buffer().empty());
+}
+
+TEST_F(LoggingTest, LinesFromManyThreadsStayIntact) {
+    set_log_level(6);
+    constexpr int kThreads = 8;
+    constexpr int kLines = 500;
+    std::string text;
+    {
+        test::StdoutCapture out;
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([t] {
+                for (int i = 0; i < kLines; ++i) {
+                    INFO << "thread " << t << " first half, ";
+                    INFO << "second half " << i;
+                    INFO.do_flush();
+                    if (i % 2 == 0) {
+                        info("printf thread %d line %d\n", t, i);
+                    }
+                }
+            });
+        }
+        for (auto& thread : threads) {
+            thread.join();
+        }
+        text = out.finish();
+    }
+    std::istringstream lines(text);
+    std::string line;
+    int count = 0;
+    while (std::getline(lines, line)) {
+        ++count;
+        ASSERT_TRUE(line.rfind("[INFO]: thread ", 0) == 0 ||
+                    line.rfind("[INFO]: printf thread ", 0) == 0)
+            << line;
+        if (line.rfind("[INFO]: thread ", 0) == 0) {
+            ASSERT_THAT(line, HasSubstr(" first half, second half "));
+        }
+        ASSERT_THAT(line.substr(1), Not(HasSubstr("[INFO]")));
+    }
+    EXPECT_EQ(count, kThreads * kLines + kThreads * kLines / 2);
+}
+
+TEST_F(LoggingTest, ConfigureLoggingFromEnvironmentAndArgument) {
+    ::setenv("LOG_LEVEL", "ERROR", 1);
+    configure_logging("debug");
+    EXPECT_EQ(get_log_level(), 7);
+    configure_logging("");
+    EXPECT_EQ(get_log_level(), 3);
+    ::unsetenv("LOG_LEVEL");
+    configure_logging("");
+    EXPECT_EQ(get_log_level(), 3);
+}
+
+TEST_F(LoggingTest, SetFromConfig) {
+    std::istringstream text(
+        "client_name = app\n"
+        "logging.mode = stdout\n"
+        "logging.level = info\n"
+        "logging.modules.enable = tavi.com tavi.rt  app\n"
+        "logging.modules.disable = tavi.rt\n");
+    auto configuration = config::Configuration::create_from_input(text);
+    ASSERT_TRUE(configuration->verify());
+    module("tavi.com.acl");  // exists before, so the recursive switch reaches it
+    set_log_mode(SYSLOG);
+    set_from_config(configuration);
+    EXPECT_EQ(get_log_mode(), STDOUT);
+    EXPECT_EQ(get_log_level(), 6);
+    EXPECT_TRUE(module("tavi.com.acl")->enabled());
+    EXPECT_FALSE(module("tavi.rt")->enabled());
+    EXPECT_TRUE(module("app")->enabled());
+    EXPECT_TRUE(module("")->enabled());  // the doubled blank names the empty module
+}
+
+}  // namespace
+}  // namespace ecu::tavi::logging

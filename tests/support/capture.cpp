@@ -1,0 +1,63 @@
+#include "support/capture.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace ecu::tavi::test {
+
+StdoutCapture::StdoutCapture() {
+    std::fflush(stdout);
+    char tmpl[] = "/tmp/tavi-stdout.XXXXXX";
+    int fd = ::mkstemp(tmpl);
+    m_path = tmpl;
+    m_saved_fd = ::dup(1);
+    ::dup2(fd, 1);
+    ::close(fd);
+}
+
+StdoutCapture::~StdoutCapture() {
+    restore();
+    ::unlink(m_path.c_str());
+}
+
+void StdoutCapture::restore() {
+    if (m_saved_fd >= 0) {
+        std::fflush(stdout);
+        ::dup2(m_saved_fd, 1);
+        ::close(m_saved_fd);
+        m_saved_fd = -1;
+    }
+}
+
+std::string StdoutCapture::finish() {
+    std::string result = text();
+    restore();
+    return result;
+}
+
+std::string StdoutCapture::text() {
+    std::fflush(stdout);
+    std::ifstream in(m_path);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+bool wait_until(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return pred();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+}  // namespace ecu::tavi::test

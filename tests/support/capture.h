@@ -1,0 +1,37 @@
+// Test helpers: capture what the process writes to standard output, and wait for a
+// condition with a deadline instead of sleeping.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+namespace ecu::tavi::test {
+
+// Redirects file descriptor 1 (standard output) into a temporary file for its lifetime;
+// text() returns everything written so far.
+class StdoutCapture {
+public:
+    StdoutCapture();
+    ~StdoutCapture();
+    StdoutCapture(const StdoutCapture&) = delete;
+    StdoutCapture& operator=(const StdoutCapture&) = delete;
+
+    // Everything written so far; capturing goes on.
+    std::string text();
+    // Ends the capture (standard output is restored, so test failures are visible again)
+    // and returns everything written.
+    std::string finish();
+
+private:
+    void restore();
+
+    int m_saved_fd;
+    std::string m_path;
+};
+
+// Polls pred until it is true or the deadline passes; returns its last value.
+bool wait_until(const std::function<bool()>& pred,
+                std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+}  // namespace ecu::tavi::test

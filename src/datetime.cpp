@@ -64,7 +64,8 @@ namespace detail {
 BootClock::BootClock(const std::string& device)
     : m_fd(open(device.c_str(), O_RDONLY | O_NONBLOCK)) {
     if (m_fd < 0) {
-        ALERT << s_log << "Could not open device " << device << " errno:" << errno;
+        const int error = errno;  // before logging can change it
+        ALERT << s_log << "Could not open device " << device << " errno:" << error;
         ALERT.do_flush();
     }
 }

@@ -1,11 +1,11 @@
 #include "ecu/tavi/fs/fs.h"
 
+#include <fcntl.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <system_error>
 #include <vector>
 
@@ -24,6 +24,10 @@ const char* const kTempTemplate = "/tmpdir.XXXXXX";
 void log_failure(const std::string& what, const std::string& path, const std::error_code& ec) {
     ERROR << s_log << "Unable to " << what << " " << path << ": " << ec.message();
     ERROR.do_flush();
+}
+
+std::error_code last_error() {
+    return std::error_code(errno, std::generic_category());
 }
 
 // A missing path is an answer, not a failure: only other errors are logged.
@@ -127,29 +131,50 @@ std::optional<uint64_t> dir_size(const std::string& path) {
 }
 
 std::optional<std::string> read_file_into_string(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        log_failure("open", path, std::error_code(errno, std::generic_category()));
+    // Plain descriptors rather than streams: a file stream throws on a read error (reading a
+    // directory, for one), and the error code is what the log line needs.
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        log_failure("open", path, last_error());
         return std::nullopt;
     }
-    std::string contents((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    if (file.bad()) {
-        log_failure("read", path, std::error_code(EIO, std::generic_category()));
-        return std::nullopt;
+    std::string contents;
+    char buffer[16384];
+    for (;;) {
+        const ssize_t n = read(fd, buffer, sizeof(buffer));
+        if (n > 0) {
+            contents.append(buffer, static_cast<size_t>(n));
+        } else if (n == 0) {
+            break;
+        } else if (errno != EINTR) {
+            log_failure("read", path, last_error());
+            close(fd);
+            return std::nullopt;
+        }
     }
+    close(fd);
     return contents;
 }
 
 bool create_file_with_contents(const std::string& path, const std::string& contents) {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    if (!file) {
-        log_failure("create", path, std::error_code(errno, std::generic_category()));
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        log_failure("create", path, last_error());
         return false;
     }
-    file.write(contents.data(), static_cast<std::streamsize>(contents.size()));
-    file.close();
-    if (!file) {
-        log_failure("write", path, std::error_code(EIO, std::generic_category()));
+    size_t written = 0;
+    while (written < contents.size()) {
+        const ssize_t n = write(fd, contents.data() + written, contents.size() - written);
+        if (n >= 0) {
+            written += static_cast<size_t>(n);
+        } else if (errno != EINTR) {
+            log_failure("write", path, last_error());
+            close(fd);
+            return false;
+        }
+    }
+    if (close(fd) != 0) {
+        log_failure("write", path, last_error());
         return false;
     }
     return true;
@@ -197,8 +222,7 @@ TempDirectory::TempDirectory() {
     std::vector<char> buffer(name.begin(), name.end());
     buffer.push_back('\0');
     if (mkdtemp(buffer.data()) == nullptr) {
-        log_failure("create temporary directory", name,
-                    std::error_code(errno, std::generic_category()));
+        log_failure("create temporary directory", name, last_error());
         return;
     }
     m_path = buffer.data();

@@ -1,6 +1,8 @@
 #include "ecu/tavi/fs/fs.h"
 
 #include <gtest/gtest.h>
+
+#include <functional>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,13 +26,7 @@ protected:
 
     std::string at(const std::string& name) const { return m_dir.path() + "/" + name; }
 
-    // Runs a failing call and returns what it logged.
-    template <typename Call>
-    static std::string log_of(Call call) {
-        test::StdoutCapture out;
-        call();
-        return out.text();
-    }
+    static std::string log_of(const std::function<void()>& call) { return test::log_of(call); }
 
     TempDirectory m_dir;
 };

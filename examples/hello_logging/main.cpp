@@ -8,6 +8,10 @@
 
 using namespace ecu::tavi;
 
+// Modules are created once at start-up, before the configuration switches them on or off.
+static const auto s_app = logging::module("app.main");
+static const auto s_sensor = logging::module("app.sensor");
+
 int main(int argc, char** argv) {
     if (argc < 2) {
         std::cerr << "usage: " << argv[0] << " <configuration file>\n";
@@ -25,14 +29,12 @@ int main(int argc, char** argv) {
     logging::configure_logging("");
     logging::set_from_config(configuration);
 
-    const auto app = logging::module("app.main");
-    const auto sensor = logging::module("app.sensor");
-    logging::NOTICE << app << "client " << configuration->get("client_name") << " starting";
+    logging::NOTICE << s_app << "client " << configuration->get("client_name") << " starting";
     logging::NOTICE.do_flush();
-    logging::INFO << sensor << "temperature " << 21.5 << " C";
+    logging::INFO << s_sensor << "temperature " << 21.5 << " C";
     logging::INFO.do_flush();
-    logging::DEBUG << sensor << "raw value " << 0x1234;
+    logging::DEBUG << s_sensor << "raw value " << 0x1234;
     logging::DEBUG.do_flush();
-    logging::warning(app, "printf-style line from %s\n", "app.main");
+    logging::warning(s_app, "printf-style line from %s\n", "app.main");
     return 0;
 }

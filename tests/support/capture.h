@@ -30,6 +30,15 @@ private:
     std::string m_path;
 };
 
+// Runs a call and returns what it wrote to standard output; assertions belong outside,
+// so that their messages reach the test output.
+template <typename Call>
+std::string log_of(Call&& call) {
+    StdoutCapture out;
+    call();
+    return out.finish();
+}
+
 // Polls pred until it is true or the deadline passes; returns its last value.
 bool wait_until(const std::function<bool()>& pred,
                 std::chrono::milliseconds timeout = std::chrono::seconds(10));

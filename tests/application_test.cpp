@@ -74,15 +74,5 @@ TEST(Application, NotifiesServiceManagerAndLogs) {
     EXPECT_NE(nullptr, std::getenv("NOTIFY_SOCKET"));
 }
 
-TEST(Application, WithoutServiceManagerOnlyLogs) {
-    ::unsetenv("NOTIFY_SOCKET");
-    logging::set_log_mode(logging::STDOUT);
-    logging::set_log_level(7);
-    logging::enable("tavi.platform", true);
-    test::StdoutCapture capture;
-    application_ready();
-    EXPECT_EQ("[INFO]: [tavi.platform] Application ready!\n", capture.text());
-}
-
 }  // namespace
 }  // namespace ecu::tavi

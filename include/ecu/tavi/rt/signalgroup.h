@@ -6,6 +6,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ecu/tavi/export.h"
@@ -51,6 +52,8 @@ public:
     bool operator!=(SignalGroup const& other) const { return !(*this == other); }
 
 private:
+    friend class SignalAdapter;  // reserves the signal list when it builds a group
+
     Signal* find(std::string const& name);
 
     std::string m_name;

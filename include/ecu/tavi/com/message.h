@@ -1,0 +1,58 @@
+// One MQTT payload as published or received, with the QoS and retain flag used to send it
+// and the sender's time stamp, which is read from the framing header only when asked for.
+//
+// Not thread safe: get_timestamp() caches into the object, so one Message must not be read
+// from two threads at once; copies are independent.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "ecu/tavi/export.h"
+
+namespace ecu::tavi::com {
+
+class TAVI_EXPORT Message {
+public:
+    Message() = default;
+    explicit Message(std::vector<std::uint8_t> data) : m_data(std::move(data)) {}
+    Message(const void* data, std::size_t size)
+        : m_data(static_cast<const std::uint8_t*>(data),
+                 static_cast<const std::uint8_t*>(data) + size) {}
+    virtual ~Message();
+
+    Message(const Message&) = default;
+    Message(Message&&) = default;
+    Message& operator=(const Message&) = default;
+    Message& operator=(Message&&) = default;
+
+    std::uint8_t get_qos() const { return m_qos; }
+    void set_qos(std::uint8_t qos) { m_qos = qos; }
+    bool get_retain() const { return m_retain; }
+    void set_retain(bool retain) { m_retain = retain; }
+
+    const std::vector<std::uint8_t>& get_data() const { return m_data; }
+    std::vector<std::uint8_t>& get_data() { return m_data; }
+    void set_data(std::vector<std::uint8_t> data) { m_data = std::move(data); }
+
+    // Sender's time since boot in nanoseconds, taken from the framing header on first use
+    // and kept; 0 when the payload carries no readable header.
+    std::int64_t get_timestamp() const;
+    // Stores a known time stamp, so that the header is not read.
+    void set_timestamp(std::int64_t timestamp_ns) {
+        m_timestamp = timestamp_ns;
+        m_timestamp_evaluated = true;
+    }
+    bool is_timestamp_evaluated() const { return m_timestamp_evaluated; }
+
+private:
+    std::uint8_t m_qos = 0;
+    mutable std::int64_t m_timestamp = 0;
+    mutable bool m_timestamp_evaluated = false;
+    std::vector<std::uint8_t> m_data;
+    bool m_retain = false;
+};
+
+}  // namespace ecu::tavi::com

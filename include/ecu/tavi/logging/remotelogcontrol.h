@@ -1,0 +1,46 @@
+// Lets a tool on the broker read and change this application's logging at run time: level,
+// mode and which log modules are enabled. Requests (pb::LogConfig) arrive on
+// "app/<client name>/log/configure"; every request that decodes is answered with the
+// complete configuration on "app/<client name>/log/config".
+//
+// Requests are handled on the transport's network thread and change the process-wide
+// logging state there. Destroy the control from any thread other than the network thread.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "ecu/tavi/com/transport.h"
+#include "ecu/tavi/export.h"
+
+namespace ecu::tavi::logging {
+
+class TAVI_EXPORT RemoteLogControl {
+public:
+    // Subscribes to the request topic and enables the module "<client name>.log" (and
+    // everything below it), so that the control's own lines are visible by default.
+    explicit RemoteLogControl(std::shared_ptr<com::ITransportClient> transport);
+    // Unsubscribes from the request topic.
+    ~RemoteLogControl();
+    RemoteLogControl(const RemoteLogControl&) = delete;
+    RemoteLogControl& operator=(const RemoteLogControl&) = delete;
+
+    // Applies a request (mode, level, then the module switches in order) and answers it.
+    void message(std::string const& topic, com::Message const& message);
+    // Publishes the current mode, level and every module, root first, depth-first, children
+    // in name order.
+    void publish_config();
+
+private:
+    class RequestObserver;
+
+    std::shared_ptr<com::ISubscriptionObserver> m_observer;
+    std::shared_ptr<com::ITransportClient> m_transport;
+    std::string m_request_topic;
+    std::string m_reply_topic;
+};
+
+TAVI_EXPORT std::unique_ptr<RemoteLogControl> create_remote_log_control(
+    std::shared_ptr<com::ITransportClient> transport);
+
+}  // namespace ecu::tavi::logging

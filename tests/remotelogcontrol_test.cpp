@@ -1,0 +1,294 @@
+#include "ecu/tavi/logging/remotelogcontrol.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ecu/tavi/com/client.h"
+#include "ecu/tavi/com/message.h"
+#include "ecu/tavi/com/messageadapter.h"
+#include "ecu/tavi/com/protocol_types.h"
+#include "ecu/tavi/config/configuration.h"
+#include "ecu/tavi/logging/logging.h"
+#include "ecu/tavi/pb/logconfig.pb.h"
+#include "support/broker.h"
+#include "support/capture.h"
+
+namespace ecu::tavi {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using Adapter = com::PbInternalMessageAdapter<pb::LogConfig>;
+
+const char* const kApp = "rlc-app";
+const char* const kRequestTopic = "app/rlc-app/log/configure";
+const char* const kReplyTopic = "app/rlc-app/log/config";
+
+// Plays the tool on the broker: collects the replies it receives.
+class ReplyCollector : public com::ISubscriptionObserver {
+public:
+    void message(const std::string&, const com::Message& message) override {
+        auto reply = Adapter(com::PROTOCOL_LOG_CONFIG).deserialize(message);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_replies.push_back(reply ? reply.value() : pb::LogConfig());
+    }
+    size_t count() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_replies.size();
+    }
+    pb::LogConfig last() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_replies.back();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::vector<pb::LogConfig> m_replies;
+};
+
+// The modules of a reply as "name=0|1" in reply order.
+std::string modules_of(const pb::LogConfig& reply) {
+    std::string text;
+    for (const auto& entry : reply.modules()) {
+        text += (text.empty() ? "" : " ") + entry.name() + "=" + (entry.enabled() ? "1" : "0");
+    }
+    return text;
+}
+
+pb::LogConfig::LogModule* add_switch(pb::LogConfig& request, const std::string& name,
+                                     bool enabled) {
+    auto* entry = request.add_modules();
+    entry->set_name(name);
+    entry->set_enabled(enabled);
+    return entry;
+}
+
+class RemoteLogControlTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!test::Broker::available()) {
+            GTEST_SKIP() << "mosquitto is not installed";
+        }
+        ASSERT_TRUE(m_broker.start());
+        logging::_internal::reset_modules();
+        logging::set_log_mode(logging::STDOUT);
+        logging::set_log_level(7);
+        m_capture = std::make_unique<test::StdoutCapture>();
+
+        m_app = connected_client(kApp);
+        m_control = logging::create_remote_log_control(m_app);
+        m_tool = connected_client("rlc-tool");
+        m_replies = std::make_shared<ReplyCollector>();
+        m_tool->subscribe(kReplyTopic, 1, m_replies);
+        ASSERT_TRUE(m_app->wait_ready(std::chrono::seconds(10)));
+        ASSERT_TRUE(m_tool->wait_ready(std::chrono::seconds(10)));
+    }
+
+    void TearDown() override {
+        m_control.reset();
+        for (auto* client : {&m_tool, &m_app}) {
+            if (*client) {
+                (*client)->stop();
+            }
+        }
+    }
+
+    std::shared_ptr<com::ITransportClient> connected_client(const std::string& name,
+                                                            bool with_factory = false) {
+        std::istringstream text(m_broker.client_config(name));
+        auto config = config::Configuration::create_from_input(text);
+        EXPECT_TRUE(config->verify());
+        auto client =
+            with_factory ? com::create_client(config, com::MQTT) : com::create_mqtt_client(config);
+        EXPECT_TRUE(client->connect());
+        client->start();
+        return client;
+    }
+
+    void send(const std::string& topic, const com::Message& request) {
+        ASSERT_EQ(0, m_tool->publish(topic, request));
+    }
+
+    // Sends the request and returns the reply it causes.
+    pb::LogConfig exchange(const pb::LogConfig& request) {
+        const size_t before = m_replies->count();
+        auto framed = Adapter(com::PROTOCOL_LOG_CONFIG).serialize(request);
+        EXPECT_TRUE(framed.has_value());
+        framed.value().set_qos(1);
+        send(kRequestTopic, framed.value());
+        EXPECT_TRUE(test::wait_until([&] { return m_replies->count() > before; }));
+        return m_replies->count() > before ? m_replies->last() : pb::LogConfig();
+    }
+
+    // Proves that no reply arrives; a fixed wait is the only way to see an absence.
+    void expect_no_reply_after(size_t before) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        EXPECT_EQ(before, m_replies->count());
+    }
+
+    test::Broker m_broker;
+    std::unique_ptr<test::StdoutCapture> m_capture;
+    std::shared_ptr<com::ITransportClient> m_app;
+    std::shared_ptr<com::ITransportClient> m_tool;
+    std::unique_ptr<logging::RemoteLogControl> m_control;
+    std::shared_ptr<ReplyCollector> m_replies;
+};
+
+TEST_F(RemoteLogControlTest, EmptyRequestIsAnsweredWithTheWholeTreeAndChangesNothing) {
+    logging::module("tavi.z");
+    logging::module("tavi.com.acl");
+    logging::module("tavi.a");
+    logging::enable("tavi.com", false);
+    logging::module("Zeta");
+
+    const auto reply = exchange(pb::LogConfig());
+
+    EXPECT_EQ(pb::LogConfig::STDOUT, reply.mode());
+    EXPECT_EQ(pb::LogConfig::DEBUG, reply.level());
+    // Root first, each module before its children, children in byte-wise name order; the
+    // control enabled its own module. reset_modules() left the root disabled.
+    EXPECT_EQ(
+        "root=0 Zeta=0 rlc-app=0 rlc-app.log=1 tavi=0 tavi.a=0 tavi.com=1 tavi.com.acl=0 "
+        "tavi.z=0",
+        modules_of(reply));
+    for (const auto& entry : reply.modules()) {
+        EXPECT_FALSE(entry.has_recursive()) << entry.name();
+    }
+    EXPECT_EQ(7, logging::get_log_level());
+    EXPECT_EQ(logging::STDOUT, logging::get_log_mode());
+    EXPECT_TRUE(logging::module("tavi.com")->enabled());
+    EXPECT_FALSE(logging::module("tavi.com.acl")->enabled());
+
+    const std::string log = m_capture->text();
+    EXPECT_THAT(log,
+                HasSubstr("[DEBUG]: [rlc-app.log] Remote Log Control initialized for rlc-app\n"));
+    EXPECT_THAT(log, HasSubstr("[DEBUG]: [rlc-app.log] Received request for log configuration\n"));
+}
+
+TEST_F(RemoteLogControlTest, ModeLevelAndModuleSwitchesTakeEffect) {
+    logging::module("tavi.com.acl");
+    logging::module("tavi.diag.uds");
+    logging::enable("tavi", true);
+
+    pb::LogConfig request;
+    request.set_mode(pb::LogConfig::STDERR);
+    request.set_level(pb::LogConfig::INFO);
+    add_switch(request, "tavi.com", false)->set_recursive(true);
+    add_switch(request, "tavi.diag", false);  // not recursive: tavi.diag.uds stays on
+    add_switch(request, "new.module", true);  // created on the way, only "module" enabled
+    auto reply = exchange(request);
+
+    EXPECT_EQ(pb::LogConfig::STDERR, reply.mode());
+    EXPECT_EQ(pb::LogConfig::INFO, reply.level());
+    EXPECT_EQ(logging::STDERR, logging::get_log_mode());
+    EXPECT_EQ(6, logging::get_log_level());
+    EXPECT_EQ(
+        "root=0 new=0 new.module=1 rlc-app=0 rlc-app.log=1 tavi=1 tavi.com=0 tavi.com.acl=0 "
+        "tavi.diag=0 tavi.diag.uds=1",
+        modules_of(reply));
+    EXPECT_FALSE(logging::module("tavi.com.acl")->enabled());
+    EXPECT_TRUE(logging::module("tavi.diag.uds")->enabled());
+
+    const std::string log = m_capture->text();
+    EXPECT_THAT(log, HasSubstr("[NOTICE]: [rlc-app.log] Set logmode to '2'\n"));
+    EXPECT_THAT(log, HasSubstr("[NOTICE]: [rlc-app.log] Set loglevel to '6'\n"));
+    EXPECT_THAT(log, HasSubstr("[NOTICE]: [rlc-app.log] Disable logging for 'tavi.com'\n"));
+    EXPECT_THAT(log, HasSubstr("[NOTICE]: [rlc-app.log] Enable logging for 'new.module'\n"));
+    EXPECT_THAT(log, Not(HasSubstr("Received request for log configuration")));
+}
+
+TEST_F(RemoteLogControlTest, AllSwitchesEveryModuleAndEntriesApplyInOrder) {
+    logging::module("tavi.com.acl");
+
+    pb::LogConfig request;
+    add_switch(request, "all", true);
+    EXPECT_EQ("root=1 rlc-app=1 rlc-app.log=1 tavi=1 tavi.com=1 tavi.com.acl=1",
+              modules_of(exchange(request)));
+
+    request.Clear();
+    add_switch(request, "all", false);
+    add_switch(request, "tavi.com", true)->set_recursive(true);
+    EXPECT_EQ("root=0 rlc-app=0 rlc-app.log=0 tavi=0 tavi.com=1 tavi.com.acl=1",
+              modules_of(exchange(request)));
+    // "all" is not a module of its own.
+    EXPECT_EQ(0u, logging::module("root")->children().count("all"));
+
+    const std::string log = m_capture->text();
+    EXPECT_THAT(log, HasSubstr("[NOTICE]: [rlc-app.log] Enable logging for all modules\n"));
+    EXPECT_THAT(log, HasSubstr("[NOTICE]: [rlc-app.log] Disable logging for all modules\n"));
+    // From then on the control's own module is disabled, and its NOTICE lines with it.
+    EXPECT_THAT(log, Not(HasSubstr("Enable logging for 'tavi.com'")));
+}
+
+TEST_F(RemoteLogControlTest, InvalidEntryIsSkippedAndTheRestApplies) {
+    pb::LogConfig request;
+    request.add_modules()->set_name("missing.enabled");
+    request.add_modules()->set_enabled(true);
+    add_switch(request, "valid", true);
+    const auto reply = exchange(request);
+
+    EXPECT_EQ("root=0 rlc-app=0 rlc-app.log=1 valid=1", modules_of(reply));
+    const std::string log = m_capture->text();
+    const std::string invalid =
+        "[ERROR]: [rlc-app.log] Invalid log module configuration received\n";
+    const auto first = log.find(invalid);
+    ASSERT_NE(std::string::npos, first);
+    EXPECT_NE(std::string::npos, log.find(invalid, first + 1));
+    EXPECT_THAT(log, HasSubstr("[NOTICE]: [rlc-app.log] Enable logging for 'valid'\n"));
+}
+
+TEST_F(RemoteLogControlTest, UndecodableRequestGetsNoReply) {
+    const size_t before = m_replies->count();
+    com::Message garbage(std::vector<uint8_t>(30, 0xff));
+    garbage.set_qos(1);
+    send(kRequestTopic, garbage);
+
+    EXPECT_TRUE(test::wait_until([&] {
+        return m_capture->text().find(
+                   "[ERROR]: [rlc-app.log] Unable to deserialize data for "
+                   "topic app/rlc-app/log/configure\n") != std::string::npos;
+    }));
+    expect_no_reply_after(before);
+    // The control still answers the next good request.
+    EXPECT_EQ(pb::LogConfig::DEBUG, exchange(pb::LogConfig()).level());
+}
+
+TEST_F(RemoteLogControlTest, DestroyedControlNoLongerAnswers) {
+    exchange(pb::LogConfig());
+    m_control.reset();
+
+    const size_t before = m_replies->count();
+    auto framed = Adapter(com::PROTOCOL_LOG_CONFIG).serialize(pb::LogConfig());
+    send(kRequestTopic, framed.value());
+    expect_no_reply_after(before);
+}
+
+// The control that create_client attaches lives exactly as long as the transport it returns.
+TEST_F(RemoteLogControlTest, FactoryAttachesControlForTheTransportsLifetime) {
+    auto replies = std::make_shared<ReplyCollector>();
+    m_tool->subscribe("app/rlc-factory/log/config", 1, replies);
+    ASSERT_TRUE(m_tool->wait_ready(std::chrono::seconds(10)));
+    auto client = connected_client("rlc-factory", true);
+    ASSERT_TRUE(client->wait_ready(std::chrono::seconds(10)));
+
+    auto framed = Adapter(com::PROTOCOL_LOG_CONFIG).serialize(pb::LogConfig());
+    send("app/rlc-factory/log/configure", framed.value());
+    ASSERT_TRUE(test::wait_until([&] { return replies->count() == 1; }));
+    EXPECT_THAT(modules_of(replies->last()), HasSubstr("rlc-factory.log=1"));
+
+    client->stop();
+    std::weak_ptr<com::ITransportClient> gone = client;
+    client.reset();
+    EXPECT_TRUE(gone.expired());
+}
+
+}  // namespace
+}  // namespace ecu::tavi

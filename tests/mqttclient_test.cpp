@@ -501,7 +501,10 @@ TEST_F(MqttClientTest, PublishWaitAckIsTrueWhenAcknowledgedAndTimesOutWhileTheBr
 TEST_F(MqttClientTest, TlsAndLoginSucceedOrFailWithoutSecretsInTheLog) {
     const test::TlsFiles& tls = Broker::tls_files();
     ASSERT_FALSE(tls.ca_cert.empty()) << "openssl failed";
-    Broker secure(test::BrokerOptions{true, true});
+    test::BrokerOptions options;
+    options.tls = true;
+    options.password = true;
+    Broker secure(options);
     ASSERT_TRUE(secure.start()) << secure.error();
     LogCapture log;
     const auto tls_config = [&](const std::string& name, const std::string& ca) {

@@ -1,95 +1,11 @@
-// A real mosquitto broker for tests: started on free loopback ports with a generated
-// configuration, and stopped, killed, paused or restarted (on the same ports) mid-test.
-//
-// Not thread safe: drive one Broker from one test thread. The broker process gets SIGKILL
-// when the thread that started it ends, so a crashed test leaves no broker behind.
+// The tests' broker is the one the simulator's test kit ships to application developers:
+// a real mosquitto on free loopback ports that a test can stop, kill, pause and restart.
 #pragma once
 
-#include <sys/types.h>
-
-#include <cstdint>
-#include <string>
+#include "ecu/tavi/sim/broker.h"
 
 namespace ecu::tavi::test {
-
-struct BrokerOptions {
-    // Adds a listener that requires TLS with a client certificate signed by the test CA.
-    bool tls = false;
-    // Adds a listener that accepts only the user name and password of password_user().
-    bool password = false;
-};
-
-// Throw-away certificates made with openssl the first time a test asks for them; nothing
-// secret is kept in the source tree.
-struct TlsFiles {
-    std::string ca_cert;
-    std::string server_cert;
-    std::string server_key;
-    std::string client_cert;
-    // Encrypted with client_key_password.
-    std::string client_key;
-    std::string client_key_password;
-    // A second CA that signed nothing the broker uses.
-    std::string other_ca_cert;
-};
-
-class Broker {
-public:
-    explicit Broker(BrokerOptions options = {});
-    // Kills the broker and removes its files.
-    ~Broker();
-    Broker(const Broker&) = delete;
-    Broker& operator=(const Broker&) = delete;
-
-    // Whether mosquitto is installed; tests skip with a reason when it is not.
-    static bool available();
-    // The certificates, generated once per process; empty paths when openssl failed.
-    static const TlsFiles& tls_files();
-
-    // Starts the broker (choosing the ports on the first start) and waits until every
-    // listener accepts connections.
-    bool start();
-    // SIGTERM, waits for the exit.
-    void stop();
-    // SIGKILL, waits for the exit: the clients see their connections drop at once.
-    void kill();
-    // SIGSTOP / SIGCONT: connections stay open but nothing is answered.
-    void pause();
-    void resume();
-    // stop() then start() on the same ports.
-    bool restart();
-    bool running() const { return m_pid > 0; }
-
-    const std::string& host() const { return m_host; }
-    uint16_t port() const { return m_port; }
-    uint16_t tls_port() const { return m_tls_port; }
-    uint16_t password_port() const { return m_password_port; }
-    // Login of the password listener; the password is made up per process.
-    static const char* password_user() { return "tavi-user"; }
-    static const std::string& password_secret();
-
-    // Configuration text for the library's client on the plain listener.
-    std::string client_config(const std::string& client_name) const;
-    // What the broker has written to its log so far.
-    std::string log_text() const;
-    // Why the last start() failed, with the broker's log; empty after a successful start.
-    std::string error() const { return m_error; }
-
-private:
-    bool spawn();
-    bool wait_accepting();
-    void reap();
-    void write_config();
-
-    BrokerOptions m_options;
-    std::string m_host = "127.0.0.1";
-    std::string m_dir;
-    uint16_t m_port = 0;
-    uint16_t m_tls_port = 0;
-    uint16_t m_password_port = 0;
-    pid_t m_pid = -1;
-    bool m_paused = false;
-    std::string m_error;
-};
-
+using sim::Broker;
+using sim::BrokerOptions;
+using sim::TlsFiles;
 }  // namespace ecu::tavi::test

@@ -121,11 +121,19 @@ void set_log_level(char const* name) {
     _internal::g_log_level = kDefaultLevel;
 }
 
-int get_log_level() { return _internal::g_log_level; }
-const char* get_log_level_name() { return level_name(_internal::g_log_level); }
-const char* get_default_log_level_name() { return kLevelNames[kDefaultLevel]; }
+int get_log_level() {
+    return _internal::g_log_level;
+}
+const char* get_log_level_name() {
+    return level_name(_internal::g_log_level);
+}
+const char* get_default_log_level_name() {
+    return kLevelNames[kDefaultLevel];
+}
 
-void set_log_mode(LogMode mode) { g_log_mode = mode; }
+void set_log_mode(LogMode mode) {
+    g_log_mode = mode;
+}
 
 void set_log_mode(char const* name) {
     const std::string wanted = upper(name);
@@ -135,19 +143,23 @@ void set_log_mode(char const* name) {
             return;
         }
     }
-    NOTICE << "Mode '" << wanted << "' not valid, set to default: '"
-           << get_default_log_mode_name() << "'";
+    NOTICE << "Mode '" << wanted << "' not valid, set to default: '" << get_default_log_mode_name()
+           << "'";
     NOTICE.do_flush();
     g_log_mode = SYSLOG;
 }
 
-LogMode get_log_mode() { return g_log_mode; }
+LogMode get_log_mode() {
+    return g_log_mode;
+}
 
 const char* get_log_mode_name() {
     return g_log_mode >= 0 && g_log_mode < 3 ? kModeNames[g_log_mode] : "UNKNOWN";
 }
 
-const char* get_default_log_mode_name() { return kModeNames[SYSLOG]; }
+const char* get_default_log_mode_name() {
+    return kModeNames[SYSLOG];
+}
 
 void configure_logging(std::string const& level) {
     const char* env = std::getenv("LOG_LEVEL");
@@ -225,7 +237,9 @@ std::shared_ptr<LogModule> module(std::vector<std::string> const& segments) {
     return current;
 }
 
-std::shared_ptr<LogModule> module(std::string const& path) { return module(split(path, '.')); }
+std::shared_ptr<LogModule> module(std::string const& path) {
+    return module(split(path, '.'));
+}
 
 bool enable(std::string const& path, bool recursive) {
     module(path)->change(true, recursive);
@@ -253,21 +267,25 @@ bool disable(std::shared_ptr<LogModule>& module, bool recursive) {
     return true;
 }
 
-void enable_all() { root()->change(true, true); }
-void disable_all() { root()->change(false, true); }
+void enable_all() {
+    root()->change(true, true);
+}
+void disable_all() {
+    root()->change(false, true);
+}
 
-#define TAVI_DEFINE_PRINTF(function, level)                                        \
-    void function(char const* format, ...) {                                       \
-        va_list args;                                                              \
-        va_start(args, format);                                                    \
-        vlog(level, format, args);                                                 \
-        va_end(args);                                                              \
-    }                                                                              \
+#define TAVI_DEFINE_PRINTF(function, level)                                            \
+    void function(char const* format, ...) {                                           \
+        va_list args;                                                                  \
+        va_start(args, format);                                                        \
+        vlog(level, format, args);                                                     \
+        va_end(args);                                                                  \
+    }                                                                                  \
     void function(std::shared_ptr<LogModule> const& module, char const* format, ...) { \
-        va_list args;                                                              \
-        va_start(args, format);                                                    \
-        log_with_module(level, module, format, args);                              \
-        va_end(args);                                                              \
+        va_list args;                                                                  \
+        va_start(args, format);                                                        \
+        log_with_module(level, module, format, args);                                  \
+        va_end(args);                                                                  \
     }
 
 TAVI_DEFINE_PRINTF(emergency, 0)
@@ -303,7 +321,9 @@ std::shared_ptr<LogModule>& LogStreambuf::get_active_module() {
     return t_line.active_module;
 }
 
-std::string& LogStreambuf::buffer() { return t_line.buffer; }
+std::string& LogStreambuf::buffer() {
+    return t_line.buffer;
+}
 
 int LogStreambuf::sync() {
     auto& active = get_active_module();
@@ -358,7 +378,9 @@ LogStreambuf::int_type LogStreambuf::overflow(int_type c) {
     return c;
 }
 
-LogStream::LogStream(LogLevel level) : std::ostream(nullptr), m_buf(level) { rdbuf(&m_buf); }
+LogStream::LogStream(LogLevel level) : std::ostream(nullptr), m_buf(level) {
+    rdbuf(&m_buf);
+}
 
 void LogStream::do_flush() {
     // A suppressed line buffered nothing: skip the stream machinery entirely, which keeps

@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <functional>
 
 #include <cstdlib>
 #include <filesystem>

@@ -44,9 +44,7 @@ public:
 
     bool enabled() const { return m_enabled; }
     const std::string& own_name() const { return m_name; }
-    const std::map<std::string, std::shared_ptr<LogModule>>& children() const {
-        return m_children;
-    }
+    const std::map<std::string, std::shared_ptr<LogModule>>& children() const { return m_children; }
     std::map<std::string, std::shared_ptr<LogModule>>& children() { return m_children; }
     const std::shared_ptr<LogModule>& parent() const { return m_parent; }
 

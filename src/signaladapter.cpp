@@ -32,12 +32,20 @@ using _internal::signal_def;
 
 namespace {
 
+// The byte counts are computed in 64 bits: no bit width of a definition, however large,
+// overflows, and every count fits an int (at most 2^29 bytes).
+
+// Bytes of one element of a data type of dt_bit_size bits.
+int type_bytes(int32_t dt_bit_size) {
+    return static_cast<int>((int64_t{dt_bit_size} + 7) / 8);
+}
+
 // Bytes that hold raw_bit_size bits as whole elements of dt_bit_size bits.
 int payload_bytes(int raw_bit_size, int dt_bit_size) {
     TAVI_ASSERT(raw_bit_size > 0, "a signal needs at least one raw bit");
     TAVI_ASSERT(dt_bit_size > 0, "a signal's data type needs at least one bit");
-    const int elements = (raw_bit_size + dt_bit_size - 1) / dt_bit_size;
-    return (elements * dt_bit_size + 7) / 8;
+    const int64_t elements = (int64_t{raw_bit_size} + dt_bit_size - 1) / dt_bit_size;
+    return static_cast<int>((elements * dt_bit_size + 7) / 8);
 }
 
 int payload_bytes(const signal_def& def) {
@@ -126,7 +134,7 @@ int Signal::data_type_size_bits() const {
 }
 
 int Signal::data_type_size_bytes() const {
-    return (data_type_size_bits() + 7) / 8;
+    return type_bytes(data_type_size_bits());
 }
 
 int Signal::data_payload_size_bits() const {
@@ -501,7 +509,7 @@ std::shared_ptr<SignalGroup> SignalAdapter::create_sg(std::string const& topic) 
                                             def.retained, 0);
     sg->m_signals.reserve(def.signals.size());
     for (const signal_def& sig : def.signals) {
-        const int size = std::max((sig.dt_bit_size + 7) / 8, payload_bytes(sig));
+        const int size = std::max(type_bytes(sig.dt_bit_size), payload_bytes(sig));
         sg->add_signal(Signal(sig.name, &sig, Signal::DATA(static_cast<size_t>(size), 0)));
     }
     return sg;
@@ -559,15 +567,17 @@ Result<SignalGroup, SignalAdapterError> SignalAdapter::unpack(std::string const&
                        "'" + topic + "' can not be handled via SignalAdapter."});
     }
     const _internal::signalgroup_def& def = it->second.group;
-    size_t expected = 0;
+    // 64 bits even where size_t has 32: a sum that wrapped could match a short payload and
+    // the signals would then be cut beyond its end.
+    uint64_t expected = 0;
     for (const signal_def& sig : def.signals) {
-        expected += static_cast<size_t>(payload_bytes(sig));
+        expected += static_cast<uint64_t>(payload_bytes(sig));
     }
     // Senders pad to a multiple of the first signal's length; a payload that is already a
     // multiple is accepted with one more step as well, as deployed senders produce it.
-    size_t padded = expected;
+    uint64_t padded = expected;
     if (!def.signals.empty()) {
-        const size_t step = static_cast<size_t>(payload_bytes(def.signals.front()));
+        const uint64_t step = static_cast<uint64_t>(payload_bytes(def.signals.front()));
         padded = step + expected - expected % step;
     }
     const std::string& data = rt_signal.value().data();

@@ -159,6 +159,12 @@ TEST_F(SignalTest, PayloadBytesRoundRawBitsUpToWholeElements) {
     }
     const signal_def d = def(20, 20);
     EXPECT_EQ(Signal("s", &d, {}).data_type_size_bytes(), 3);
+    // The largest bit widths do not overflow.
+    const signal_def widest = def(INT32_MAX, INT32_MAX);
+    EXPECT_EQ(Signal("s", &widest, {}).data_type_size_bytes(), 268435456);
+    EXPECT_EQ(Signal("s", &widest, {}).data_payload_size_bytes(), 268435456);
+    const signal_def longest = def(8, INT32_MAX);
+    EXPECT_EQ(Signal("s", &longest, {}).data_payload_size_bytes(), 268435456);
 }
 
 TEST_F(SignalTest, ScalingAddsTheOffsetBeforeTheFactorAndSaturates) {

@@ -360,6 +360,8 @@ bool MqttClient::do_connect() {
         }
         while (rc != MOSQ_ERR_SUCCESS) {
             if (!retry_pause(m_first_connect_delay)) {
+                // Not pending any more: a later connect() starts afresh.
+                m_state = DISCONNECTED;
                 return false;
             }
             rc = m_mosq->reconnect();
@@ -797,8 +799,7 @@ void MqttClient::announce_rt_topic(const std::string& topic, MosqSubscription& s
     if (!framed) {
         return;  // the adapter has logged why
     }
-    // Readiness waits for IPCd's answer to it: worth an acknowledged delivery.
-    framed.value().set_qos(1);
+    // QoS 0 as built: an announcement lost with the connection is sent again on reconnect.
     publish(kAnnouncementTopic, framed.value());
 }
 

@@ -4,6 +4,10 @@
 //
 // The observer runs on the transport's network thread, so a blocking call made from inside
 // an observer could never be answered: it is refused with an ERROR line instead of hanging.
+//
+// Lock order: the transport's client mutex is held while observers run, and observers take
+// their client's mutex. So a client must never call subscribe, unsubscribe or is_ready on
+// the transport while holding its own mutex: subscribe first, then lock.
 #pragma once
 
 #include <chrono>

@@ -436,6 +436,10 @@ TEST_F(MqttClientTest, KeepsRetryingWhileTheBrokerIsDownAndConnectsWhenItComesUp
     EXPECT_TRUE(c->wait_ready(5s));
     EXPECT_TRUE(c->isConnected());
     c->stop();
+    // The stopped attempt is not left pending: connecting again starts a fresh connection.
+    ASSERT_TRUE(quitter->connect());
+    EXPECT_FALSE(log.contains("MQTT client loop for " + at() + " returned"));
+    quitter->stop();
 }
 
 TEST_F(MqttClientTest, SurvivesTwentyBrokerKillsAndRestoresEverySubscription) {

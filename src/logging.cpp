@@ -12,7 +12,7 @@
 
 namespace ecu::tavi::logging {
 namespace _internal {
-int g_log_level = 5;
+std::atomic<int> g_log_level{5};
 }  // namespace _internal
 
 namespace {
@@ -22,17 +22,23 @@ const char* const kLevelNames[8] = {"EMERG",   "ALERT",  "CRITICAL", "ERROR",
                                     "WARNING", "NOTICE", "INFO",     "DEBUG"};
 const char* const kModeNames[3] = {"SYSLOG", "STDOUT", "STDERR"};
 
-LogMode g_log_mode = SYSLOG;
+// Atomic for the same reason as the level: changed remotely while every thread logs.
+std::atomic<LogMode> g_log_mode{SYSLOG};
+
+LogMode log_mode() {
+    return g_log_mode.load(std::memory_order_relaxed);
+}
+
 // Constant-initialised, so units that create their module during start-up may do so
 // before this unit's own initialisers have run.
 std::shared_ptr<LogModule> g_root;
 
 // The single output core of both front ends.
 void vlog(int level, const char* format, va_list args) {
-    if (level > _internal::g_log_level) {
+    if (level > _internal::log_level()) {
         return;
     }
-    if (g_log_mode == SYSLOG) {
+    if (log_mode() == SYSLOG) {
         vsyslog(level, format, args);
         return;
     }
@@ -46,7 +52,11 @@ void vlog(int level, const char* format, va_list args) {
 
 void log_with_module(int level, std::shared_ptr<LogModule> const& module, const char* format,
                      va_list args) {
-    if (level > _internal::g_log_level) {
+    if (level > _internal::log_level()) {
+        return;
+    }
+    if (!module) {  // an empty module pointer only loses the name, never the line
+        vlog(level, format, args);
         return;
     }
     const std::string prefixed = "[" + module->name() + "] " + format;
@@ -89,7 +99,7 @@ std::string LogModule::name() const {
 }
 
 void LogModule::change(bool enabled, bool recursive) {
-    m_enabled = enabled;
+    m_enabled.store(enabled, std::memory_order_relaxed);
     if (recursive) {
         for (auto& [name, child] : m_children) {
             child->change(enabled, true);
@@ -103,7 +113,7 @@ const char* level_name(int level) {
 
 void set_log_level(int level) {
     if (static_cast<unsigned>(level) < 8) {
-        _internal::g_log_level = level;
+        _internal::g_log_level.store(level, std::memory_order_relaxed);
     }
 }
 
@@ -111,50 +121,51 @@ void set_log_level(char const* name) {
     const std::string wanted = upper(name);
     for (int level = 0; level < 8; ++level) {
         if (wanted == kLevelNames[level]) {
-            _internal::g_log_level = level;
+            _internal::g_log_level.store(level, std::memory_order_relaxed);
             return;
         }
     }
     NOTICE << "Level '" << wanted << "' not valid, set to default: '"
            << get_default_log_level_name() << "'";
     NOTICE.do_flush();
-    _internal::g_log_level = kDefaultLevel;
+    _internal::g_log_level.store(kDefaultLevel, std::memory_order_relaxed);
 }
 
 int get_log_level() {
-    return _internal::g_log_level;
+    return _internal::log_level();
 }
 const char* get_log_level_name() {
-    return level_name(_internal::g_log_level);
+    return level_name(_internal::log_level());
 }
 const char* get_default_log_level_name() {
     return kLevelNames[kDefaultLevel];
 }
 
 void set_log_mode(LogMode mode) {
-    g_log_mode = mode;
+    g_log_mode.store(mode, std::memory_order_relaxed);
 }
 
 void set_log_mode(char const* name) {
     const std::string wanted = upper(name);
     for (int mode = 0; mode < 3; ++mode) {
         if (wanted == kModeNames[mode]) {
-            g_log_mode = static_cast<LogMode>(mode);
+            g_log_mode.store(static_cast<LogMode>(mode), std::memory_order_relaxed);
             return;
         }
     }
     NOTICE << "Mode '" << wanted << "' not valid, set to default: '" << get_default_log_mode_name()
            << "'";
     NOTICE.do_flush();
-    g_log_mode = SYSLOG;
+    g_log_mode.store(SYSLOG, std::memory_order_relaxed);
 }
 
 LogMode get_log_mode() {
-    return g_log_mode;
+    return log_mode();
 }
 
 const char* get_log_mode_name() {
-    return g_log_mode >= 0 && g_log_mode < 3 ? kModeNames[g_log_mode] : "UNKNOWN";
+    const LogMode mode = log_mode();
+    return mode >= 0 && mode < 3 ? kModeNames[mode] : "UNKNOWN";
 }
 
 const char* get_default_log_mode_name() {
@@ -385,11 +396,11 @@ LogStream::LogStream(LogLevel level) : std::ostream(nullptr), m_buf(level) {
 void LogStream::do_flush() {
     // A suppressed line buffered nothing: skip the stream machinery entirely, which keeps
     // disabled DEBUG lines nearly free.
-    if (m_buf.level() > 4 && m_buf.level() > g_log_level && t_line.buffer.empty()) {
+    if (m_buf.level() > 4 && m_buf.level() > log_level() && t_line.buffer.empty()) {
         return;
     }
     // Console lines end in exactly one newline; a flush with nothing buffered writes nothing.
-    if (g_log_mode != SYSLOG && !t_line.buffer.empty() && m_buf.passes()) {
+    if (log_mode() != SYSLOG && !t_line.buffer.empty() && m_buf.passes()) {
         static_cast<std::ostream&>(*this) << '\n';
     }
     flush();
@@ -400,7 +411,10 @@ void LogStream::do_flush() {
 _internal::LogStream& operator<<(_internal::LogStream& stream,
                                  std::shared_ptr<LogModule> const& module) {
     const int level = stream.streambuf().level();
-    if (level > 4 && level > _internal::g_log_level) {
+    if (level > 4 && level > _internal::log_level()) {
+        return stream;
+    }
+    if (!module) {  // an empty pointer leaves the line attributed as it was
         return stream;
     }
     _internal::LogStreambuf::get_active_module() = module;

@@ -65,9 +65,11 @@ TEST_F(LoggingTest, PrintfFrontEndObeysLevelOnlyAndWritesStdoutInBothConsoleMode
     notice("hidden %d\n", 1);
     error("shown %d\n", 2);
     warning(acl, "disabled module still logs %s\n", "x");
+    error(std::shared_ptr<LogModule>(), "no module %d\n", 3);
     EXPECT_EQ(out.finish(),
               "[ERROR]: shown 2\n"
-              "[WARNING]: [tavi.com.acl] disabled module still logs x\n");
+              "[WARNING]: [tavi.com.acl] disabled module still logs x\n"
+              "[ERROR]: no module 3\n");
 }
 
 TEST_F(LoggingTest, ModuleTreeNames) {
@@ -114,11 +116,14 @@ TEST_F(LoggingTest, StreamLinesAndModuleFilter) {
     INFO.do_flush();
     INFO.do_flush();  // empty line: nothing at all
     WARNING << "with endl" << std::endl;
+    ERROR << std::shared_ptr<LogModule>() << "no module";
+    ERROR.do_flush();
     EXPECT_EQ(out.finish(),
               "[INFO]: back to root\n"
               "[ERROR]: [tavi.com.mqttclient] severe passes\n"
               "[INFO]: [tavi.com.mqttclient] value 42\n"
-              "[WARNING]: with endl\n");
+              "[WARNING]: with endl\n"
+              "[ERROR]: no module\n");
 }
 
 TEST_F(LoggingTest, SuppressedDebugLeavesNoTrace) {

@@ -12,6 +12,7 @@
 //   INFO.do_flush();
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <ostream>
@@ -42,14 +43,15 @@ public:
     // Sets the enabled flag, with recursive also on every descendant.
     void change(bool enabled, bool recursive);
 
-    bool enabled() const { return m_enabled; }
+    bool enabled() const { return m_enabled.load(std::memory_order_relaxed); }
     const std::string& own_name() const { return m_name; }
     const std::map<std::string, std::shared_ptr<LogModule>>& children() const { return m_children; }
     std::map<std::string, std::shared_ptr<LogModule>>& children() { return m_children; }
     const std::shared_ptr<LogModule>& parent() const { return m_parent; }
 
 private:
-    bool m_enabled;
+    // Switched by the remote log control on the network thread while any thread logs.
+    std::atomic<bool> m_enabled;
     std::string m_name;
     std::map<std::string, std::shared_ptr<LogModule>> m_children;
     std::shared_ptr<LogModule> m_parent;
@@ -122,8 +124,12 @@ namespace _internal {
 TAVI_EXPORT void reset_modules();
 
 // Current level, read inline on every stream insertion so suppressed lines cost almost
-// nothing.
-TAVI_EXPORT extern int g_log_level;
+// nothing. Atomic because the remote log control changes it on the network thread while
+// every thread reads it; relaxed, since no other data hangs on it.
+TAVI_EXPORT extern std::atomic<int> g_log_level;
+inline int log_level() {
+    return g_log_level.load(std::memory_order_relaxed);
+}
 
 class TAVI_EXPORT LogStreambuf : public std::streambuf {
 public:
@@ -137,7 +143,7 @@ public:
     // severe levels always do, the others only within the global level and when the
     // line's module is enabled.
     bool passes() const {
-        return m_level < 5 || (m_level <= g_log_level && get_active_module()->enabled());
+        return m_level < 5 || (m_level <= log_level() && get_active_module()->enabled());
     }
     LogLevel level() const { return m_level; }
 
@@ -170,7 +176,7 @@ TAVI_EXPORT _internal::LogStream& operator<<(_internal::LogStream& stream,
 
 template <typename T>
 _internal::LogStream& operator<<(_internal::LogStream& stream, T const& value) {
-    if (stream.streambuf().level() > 4 && stream.streambuf().level() > _internal::g_log_level) {
+    if (stream.streambuf().level() > 4 && stream.streambuf().level() > _internal::log_level()) {
         return stream;  // cheap early out before any module lookup or formatting
     }
     if (stream.streambuf().passes()) {

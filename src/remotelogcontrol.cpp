@@ -130,6 +130,11 @@ void RemoteLogControl::publish_config() {
 
 std::unique_ptr<RemoteLogControl> create_remote_log_control(
     std::shared_ptr<com::ITransportClient> transport) {
+    if (!transport) {
+        ERROR << "Cannot create a remote log control without a transport client";
+        ERROR.do_flush();
+        return nullptr;
+    }
     return std::make_unique<RemoteLogControl>(std::move(transport));
 }
 

@@ -40,6 +40,7 @@ private:
     std::string m_reply_topic;
 };
 
+// Empty, with an ERROR line, when there is no transport.
 TAVI_EXPORT std::unique_ptr<RemoteLogControl> create_remote_log_control(
     std::shared_ptr<com::ITransportClient> transport);
 

@@ -142,22 +142,9 @@ TEST_F(SimTest, DelayedIpcdHoldsBackTheConfirmation) {
     app->stop();
 }
 
-struct ProcessRun {
-    int exit_code;
-    std::string output;
-};
+using test::ProcessRun;
 
-ProcessRun run(const std::string& command) {
-    FILE* pipe = ::popen(("timeout 60 " + command + " 2>&1").c_str(), "r");
-    std::string output;
-    char buffer[4096];
-    size_t n = 0;
-    while ((n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0) {
-        output.append(buffer, n);
-    }
-    const int status = ::pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
+ProcessRun run(const std::string& command) { return test::run_command(command); }
 
 #ifdef TAVI_DEMO
 class SimDemoTest : public SimTest {

@@ -14,6 +14,7 @@
 #include "ecu/tavi/sim/broker.h"
 #include "ecu/tavi/sim/simulator.h"
 #include "ecu/tavi/sim/unit.h"
+#include "support/capture.h"
 
 namespace ecu::tavi::sim {
 namespace {
@@ -105,23 +106,9 @@ TEST(SimUnit, ARunTimeChangeThatFailsTheCheckIsRefused) {
     EXPECT_FALSE(simulator.set_silenced("nosuchd", true));
 }
 
-struct Run {
-    int exit_code;
-    std::string output;
-};
-
 // Runs tavi-sim with the arguments; standard output and error together.
-Run tavi_sim(const std::string& arguments) {
-    const std::string command = "timeout 60 " TAVI_SIM " " + arguments + " 2>&1";
-    FILE* pipe = ::popen(command.c_str(), "r");
-    std::string output;
-    char buffer[4096];
-    size_t n = 0;
-    while ((n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0) {
-        output.append(buffer, n);
-    }
-    const int status = ::pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+test::ProcessRun tavi_sim(const std::string& arguments) {
+    return test::run_command(TAVI_SIM " " + arguments);
 }
 
 std::string write_file(const std::string& name, const std::string& text) {

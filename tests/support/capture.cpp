@@ -1,6 +1,7 @@
 #include "support/capture.h"
 
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -47,6 +48,21 @@ std::string StdoutCapture::text() {
     std::ostringstream out;
     out << in.rdbuf();
     return out.str();
+}
+
+ProcessRun run_command(const std::string& command) {
+    FILE* pipe = ::popen(("timeout 60 " + command + " 2>&1").c_str(), "r");
+    if (pipe == nullptr) {
+        return {-1, "popen failed"};
+    }
+    std::string output;
+    char buffer[4096];
+    size_t n = 0;
+    while ((n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0) {
+        output.append(buffer, n);
+    }
+    const int status = ::pclose(pipe);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
 }
 
 bool wait_until(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {

@@ -39,6 +39,14 @@ std::string log_of(Call&& call) {
     return out.finish();
 }
 
+struct ProcessRun {
+    int exit_code;  // -1 when the process did not exit normally
+    std::string output;  // standard output and error together
+};
+
+// Runs a shell command (with a 60 s watchdog) and collects what it printed.
+ProcessRun run_command(const std::string& command);
+
 // Polls pred until it is true or the deadline passes; returns its last value.
 bool wait_until(const std::function<bool()>& pred,
                 std::chrono::milliseconds timeout = std::chrono::seconds(10));

@@ -144,7 +144,9 @@ TEST_F(SimTest, DelayedIpcdHoldsBackTheConfirmation) {
 
 using test::ProcessRun;
 
-ProcessRun run(const std::string& command) { return test::run_command(command); }
+ProcessRun run(const std::string& command) {
+    return test::run_command(command);
+}
 
 #ifdef TAVI_DEMO
 class SimDemoTest : public SimTest {

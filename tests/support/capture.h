@@ -40,7 +40,7 @@ std::string log_of(Call&& call) {
 }
 
 struct ProcessRun {
-    int exit_code;  // -1 when the process did not exit normally
+    int exit_code;       // -1 when the process did not exit normally
     std::string output;  // standard output and error together
 };
 

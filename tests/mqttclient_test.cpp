@@ -2,7 +2,6 @@
 // plain libmosquitto peers and a scripted IPC daemon on the other side.
 #include "mqttclient.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,6 +9,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -39,11 +39,11 @@ using test::MqttPeer;
 using test::ScriptedIpcd;
 using test::wait_until;
 
-std::unique_ptr<config::Configuration> make_config(const std::string& text) {
+std::shared_ptr<MqttClient> make_client(const std::string& text) {
     std::istringstream in(text);
     auto config = config::Configuration::create_from_input(in);
     EXPECT_TRUE(config->verify());
-    return config;
+    return std::make_shared<MqttClient>(config);
 }
 
 Message text_message(const std::string& text, uint8_t qos = 0) {
@@ -53,14 +53,8 @@ Message text_message(const std::string& text, uint8_t qos = 0) {
 }
 
 size_t thread_count() {
-    size_t count = 0;
-    if (DIR* dir = ::opendir("/proc/self/task")) {
-        while (const dirent* entry = ::readdir(dir)) {
-            count += entry->d_name[0] != '.';
-        }
-        ::closedir(dir);
-    }
-    return count;
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
 }
 
 // All log output of the test at DEBUG level, captured from standard output.
@@ -71,93 +65,76 @@ public:
         logging::set_log_level(7);
         logging::enable("tavi.com", true);
     }
-    std::string text() { return m_capture.text(); }
-    bool contains(const std::string& needle) { return text().find(needle) != std::string::npos; }
     size_t count(const std::string& needle) {
-        const std::string all = text();
+        const std::string all = m_capture.text();
         size_t n = 0;
         for (size_t at = all.find(needle); at != std::string::npos; at = all.find(needle, at + 1)) {
             ++n;
         }
         return n;
     }
+    bool contains(const std::string& needle) { return count(needle) > 0; }
     bool wait_for(const std::string& needle, size_t times = 1) {
         return wait_until([&] { return count(needle) >= times; });
+    }
+    void expect(std::initializer_list<std::string> needles) {
+        for (const auto& needle : needles) {
+            EXPECT_TRUE(contains(needle)) << needle;
+        }
     }
 
 private:
     test::StdoutCapture m_capture;
 };
 
-// Records what it receives (topic and payload) and can run a hook on the network thread.
+// Counts what arrives per topic, then runs its hook (if any) on the network thread.
 class Recorder : public ISubscriptionObserver {
 public:
     using Hook = std::function<void(const std::string&, const Message&)>;
-    explicit Recorder(std::string name = "", std::shared_ptr<std::vector<std::string>> journal = {})
-        : m_name(std::move(name)), m_journal(std::move(journal)) {}
+    explicit Recorder(Hook hook = {}) : m_hook(std::move(hook)) {}
 
     void message(const std::string& topic, const Message& message) override {
-        Hook hook;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            const auto& data = message.get_data();
-            m_received.emplace_back(topic, std::string(data.begin(), data.end()));
-            if (m_journal) {
-                std::lock_guard<std::mutex> journal_lock(journal_mutex());
-                m_journal->push_back(m_name + ":" + topic);
-            }
-            hook = m_hook;
+            m_topics.push_back(topic);
         }
-        if (hook) {
-            hook(topic, message);
+        if (m_hook) {
+            m_hook(topic, message);
         }
-    }
-    void on_message(Hook hook) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_hook = std::move(hook);
     }
     size_t count(const std::string& topic = "") {
         std::lock_guard<std::mutex> lock(m_mutex);
-        size_t n = 0;
-        for (const auto& [t, payload] : m_received) {
-            n += topic.empty() || t == topic;
-        }
-        return n;
-    }
-    std::vector<std::pair<std::string, std::string>> received() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_received;
-    }
-
-    // Guards the journals shared by several recorders.
-    static std::mutex& journal_mutex() {
-        static std::mutex mutex;
-        return mutex;
+        return topic.empty()
+                   ? m_topics.size()
+                   : static_cast<size_t>(std::count(m_topics.begin(), m_topics.end(), topic));
     }
 
 private:
-    std::string m_name;
-    std::shared_ptr<std::vector<std::string>> m_journal;
+    const Hook m_hook;
     std::mutex m_mutex;
-    std::vector<std::pair<std::string, std::string>> m_received;
-    Hook m_hook;
+    std::vector<std::string> m_topics;
 };
 
-class ConnectionRecorder : public IConnectionObserver {
-public:
-    explicit ConnectionRecorder(bool throws = false) : m_throws(throws) {}
+struct ConnectionRecorder : IConnectionObserver {
     void on_connect(int rc) override {
-        (rc == 0 ? connected : refused)++;
-        if (m_throws) {
+        connected += rc == 0;
+        if (throws) {
             throw std::runtime_error("connection observer failure");
         }
     }
     void on_disconnect(int rc) override { (rc == 0 ? clean : lost)++; }
-    std::atomic<int> connected{0}, refused{0}, clean{0}, lost{0};
-
-private:
-    bool m_throws;
+    std::atomic<int> connected{0}, clean{0}, lost{0};
+    bool throws = false;
 };
+
+// Publishes on topic until rec sees one more message there: the subscription is in place.
+bool arrives(MqttPeer& peer, Recorder& rec, const std::string& topic) {
+    const size_t before = rec.count(topic);
+    return wait_until([&] {
+        peer.publish(topic, std::string("x"));
+        return rec.count(topic) > before;
+    });
+}
 
 class MqttClientTest : public ::testing::Test {
 protected:
@@ -170,58 +147,54 @@ protected:
 
     // Client names stay within the 23 characters MQTT 3.1 allows.
     std::shared_ptr<MqttClient> client(const std::string& name, const std::string& extra = "") {
-        auto config = make_config(broker.client_config(name) + extra);
-        return std::make_shared<MqttClient>(config);
+        return make_client(broker.client_config(name) + extra);
+    }
+    static bool ready(MqttClient& c, std::chrono::seconds timeout = 5s) {
+        const bool connected = c.connect();
+        c.start();
+        return connected && c.wait_ready(timeout);
     }
     std::string at() const { return "127.0.0.1:" + std::to_string(broker.port()); }
 
     Broker broker;
 };
 
-TEST_F(MqttClientTest, ConnectsPublishesAndRewritesRealTimeTopics) {
+TEST_F(MqttClientTest, ConnectsPublishesWaitsForAcksAndRewritesRealTimeTopics) {
     LogCapture log;
     MqttPeer peer(broker.host(), broker.port());
     ASSERT_TRUE(peer.subscribe("#", 1));
 
     auto c = client("conn-test", "mqtt_version = 3.1.1\n");
+    auto thrower = std::make_shared<ConnectionRecorder>();
+    thrower->throws = true;
     auto observer = std::make_shared<ConnectionRecorder>();
-    c->add_connection_observer(std::make_shared<ConnectionRecorder>(true));  // throws
+    c->add_connection_observer(thrower);
     c->add_connection_observer(observer);
-    EXPECT_FALSE(c->isConnected());
     ASSERT_TRUE(c->connect());
-    EXPECT_TRUE(c->isConnected());
-    EXPECT_TRUE(log.contains("Successfully set MQTT version to 4 for MQTT broker at " + at()));
-    EXPECT_TRUE(log.contains("Successfully set username='' and password='' for MQTT broker"));
-    EXPECT_TRUE(log.contains("Connection successfully established with MQTT broker at " + at()));
     // The throwing observer did not keep the next one from being told.
     EXPECT_TRUE(wait_until([&] { return observer->connected == 1; }));
-    EXPECT_TRUE(log.contains("Exception in on_connect: connection observer failure (ignored)"));
-
-    // A second connect() starts nothing.
-    EXPECT_TRUE(c->connect());
-    EXPECT_TRUE(
-        log.contains("Tried to start the ITransportClient for " + at() + " twice! Not allowed!"));
+    EXPECT_TRUE(c->connect());  // starts nothing
+    log.expect({"Successfully set MQTT version to 4 for MQTT broker at " + at(),
+                "Successfully set username='' and password='' for MQTT broker",
+                "Connection successfully established with MQTT broker at " + at(),
+                "Exception in on_connect: connection observer failure (ignored)",
+                "Tried to start the ITransportClient for " + at() + " twice! Not allowed!"});
 
     const std::string binary("a\0b\xff", 4);
-    EXPECT_EQ(c->publish("plain/topic", text_message(binary, 1)), 0);
-    EXPECT_EQ(c->publish("rt/speed", text_message("rt")), 0);
-    Message retained = text_message("kept", 1);
+    Message retained = text_message(binary, 1);
     retained.set_retain(true);
-    EXPECT_EQ(c->publish("plain/retained", retained), 0);
-    ASSERT_TRUE(peer.wait_for("plain/retained"));
+    EXPECT_EQ(c->publish("plain/topic", retained), 0);
+    EXPECT_EQ(c->publish("rt/speed", text_message("rt")), 0);
+    ASSERT_TRUE(peer.wait_for("rttx/speed"));
     EXPECT_EQ(peer.count("rt/speed"), 0u);
-    EXPECT_EQ(peer.count("rttx/speed"), 1u);
     EXPECT_TRUE(log.contains("Changing RT topic from 'rt/speed' to 'rttx/speed'"));
-    for (const auto& received : peer.received()) {
-        if (received.topic == "plain/topic") {
-            EXPECT_EQ(received.payload, binary);
-            EXPECT_EQ(received.qos, 1);
-        }
-    }
     MqttPeer late(broker.host(), broker.port());
-    ASSERT_TRUE(late.subscribe("plain/retained"));
-    ASSERT_TRUE(late.wait_for("plain/retained"));
-    EXPECT_TRUE(late.received().at(0).retain);
+    ASSERT_TRUE(late.subscribe("plain/topic", 1));
+    ASSERT_TRUE(late.wait_for("plain/topic"));
+    const MqttPeer::Received kept = late.received().at(0);
+    EXPECT_EQ(kept.payload, binary);
+    EXPECT_EQ(kept.qos, 1);
+    EXPECT_TRUE(kept.retain);
 
     // Only IPCd itself publishes on "rt/".
     auto ipcd = client("ipcd");
@@ -230,60 +203,72 @@ TEST_F(MqttClientTest, ConnectsPublishesAndRewritesRealTimeTopics) {
     EXPECT_TRUE(peer.wait_for("rt/speed"));
     ipcd->stop();
 
+    EXPECT_TRUE(c->publish_wait_ack("ack/t", text_message("1", 1), 5s));
+    broker.pause();
+    EXPECT_FALSE(c->publish_wait_ack("ack/t", text_message("2", 1), 1s));
+    EXPECT_TRUE(log.contains(" timeout while waiting for acknowledgment"));
+    broker.resume();
+    EXPECT_TRUE(c->publish_wait_ack("ack/t", text_message("3", 1), 5s));
+    EXPECT_TRUE(c->publish_wait_ack("ack/t", text_message("4", 0), 5s));
+    log.expect({" published and acknowledged successfully",
+                "Incorrect use of MqttClient::publish_wait_ack with message QoS:0 does not have "
+                "the desired effect!"});
+
     c->stop();
     EXPECT_FALSE(c->isConnected());
     EXPECT_EQ(observer->clean, 1);
-    EXPECT_TRUE(log.contains("Successfully disconnected from MQTT broker at " + at()));
-    EXPECT_TRUE(log.contains("MQTT client loop for " + at() + " stopped with a clean exit."));
+    log.expect({"Successfully disconnected from MQTT broker at " + at(),
+                "MQTT client loop for " + at() + " stopped with a clean exit."});
 }
 
 TEST_F(MqttClientTest, DispatchPrefersTheExactTopicAndOtherwiseWalksTheFiltersInKeyOrder) {
-    auto journal = std::make_shared<std::vector<std::string>>();
-    auto exact = std::make_shared<Recorder>("exact", journal);
-    auto exact2 = std::make_shared<Recorder>("exact2", journal);
-    auto plus = std::make_shared<Recorder>("plus", journal);
-    auto hash = std::make_shared<Recorder>("hash", journal);
-    auto a_hash = std::make_shared<Recorder>("a_hash", journal);
+    std::mutex mutex;
+    std::vector<std::string> journal;
+    const auto named = [&](const std::string& name) {
+        return std::make_shared<Recorder>([&, name](const std::string& topic, const Message&) {
+            std::lock_guard<std::mutex> lock(mutex);
+            journal.push_back(name + ":" + topic);
+        });
+    };
+    auto exact = named("exact");
     auto c = client("dispatch");
-    c->subscribe("a/+", 0, plus);
-    c->subscribe("#", 0, hash);
-    c->subscribe("a/#", 0, a_hash);
+    c->subscribe("a/+", 0, named("plus"));
+    c->subscribe("#", 0, named("hash"));
+    c->subscribe("a/#", 0, named("a_hash"));
     c->subscribe("a/b", 0, exact);
-    c->subscribe("a/b", 0, exact2);
+    c->subscribe("a/b", 0, named("exact2"));
     c->subscribe("a/b", 0, exact);  // twice: called twice, in order of subscription
-    ASSERT_TRUE(c->connect());
-    c->start();
-    ASSERT_TRUE(c->wait_ready(5s));
+    ASSERT_TRUE(ready(*c));
 
-    MqttPeer peer(broker.host(), broker.port());
-    ASSERT_TRUE(peer.wait_connected());
-    peer.publish("a/b", std::string("1"));
-    peer.publish("a/c", std::string("2"));
-    peer.publish("z", std::string("3"));
-    ASSERT_TRUE(wait_until([&] { return hash->count("z") == 1; }));
-    std::lock_guard<std::mutex> lock(Recorder::journal_mutex());
-    EXPECT_EQ(*journal, (std::vector<std::string>{"exact:a/b", "exact2:a/b", "exact:a/b",
-                                                  "hash:a/c", "a_hash:a/c", "plus:a/c", "hash:z"}));
+    // QoS 1 from one publisher: delivered in this order.
+    for (const char* topic : {"a/b", "a/c", "z"}) {
+        c->publish(topic, text_message("m", 1));
+    }
+    const std::vector<std::string> expected{"exact:a/b",  "exact2:a/b", "exact:a/b", "hash:a/c",
+                                            "a_hash:a/c", "plus:a/c",   "hash:z"};
+    ASSERT_TRUE(wait_until([&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return journal.size() >= expected.size();
+    }));
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(journal, expected);
 }
 
 TEST_F(MqttClientTest, SubscriptionChangesInsideMessageTakeEffectAfterTheDispatch) {
     auto c = client("deferred");
-    auto a = std::make_shared<Recorder>();
     auto b = std::make_shared<Recorder>();
     auto late = std::make_shared<Recorder>();
     auto fresh = std::make_shared<Recorder>();
-    std::weak_ptr<Recorder> weak_a = a;
-    MqttClient* raw = c.get();
-    a->on_message([=](const std::string&, const Message&) {
-        raw->unsubscribe("d/t", weak_a.lock());
-        raw->subscribe("d/t", 0, late);
-        raw->subscribe("d/new", 0, fresh);
+    std::weak_ptr<Recorder> weak_a;
+    auto a = std::make_shared<Recorder>([&](const std::string&, const Message&) {
+        c->unsubscribe("d/t", weak_a.lock());
+        c->subscribe("d/t", 0, late);
+        c->subscribe("d/new", 0, fresh);
     });
+    weak_a = a;
     c->subscribe("d/t", 0, a);
     c->subscribe("d/t", 0, b);
-    ASSERT_TRUE(c->connect());
-    c->start();
-    ASSERT_TRUE(c->wait_ready(5s));
+    ASSERT_TRUE(ready(*c));
 
     MqttPeer peer(broker.host(), broker.port());
     ASSERT_TRUE(peer.wait_connected());
@@ -293,10 +278,7 @@ TEST_F(MqttClientTest, SubscriptionChangesInsideMessageTakeEffectAfterTheDispatc
     EXPECT_EQ(late->count(), 0u);  // added during the dispatch: not part of it
 
     // The topic subscribed from inside the callback reached the broker afterwards.
-    EXPECT_TRUE(wait_until([&] {
-        peer.publish("d/new", std::string("n"));
-        return fresh->count() > 0;
-    }));
+    EXPECT_TRUE(arrives(peer, *fresh, "d/new"));
     peer.publish("d/t", std::string("2"));
     ASSERT_TRUE(wait_until([&] { return b->count() == 2 && late->count() == 1; }));
     EXPECT_EQ(a->count(), 1u);
@@ -324,85 +306,56 @@ TEST_F(MqttClientTest, HoldsSubscriptionsBackUntilStartButSendsSystemTopicsEarly
         return rec->count("system/var/speed") > 0;
     }));
     EXPECT_EQ(rec->count("app/x"), 0u);
-    EXPECT_EQ(log.count("Successfully (re)subscribed to topic app/x"), 0u);
 
     c->start();
     ASSERT_TRUE(c->wait_ready(5s));
     EXPECT_TRUE(c->is_ready());
     EXPECT_TRUE(log.contains("is_ready: true, all is subscribed and all is announced"));
-    EXPECT_TRUE(wait_until([&] {
-        peer.publish("app/x", std::string("x"));
-        return rec->count("app/x") > 0;
-    }));
+    EXPECT_TRUE(arrives(peer, *rec, "app/x"));
 
     // A second observer with the same or a lower QoS needs no new SUBSCRIBE; a higher one does.
     const std::string sent = "Successfully (re)subscribed to topic app/x with mid=";
     ASSERT_EQ(log.count(sent), 1u);
-    c->subscribe("app/x", 1, std::make_shared<Recorder>());
-    c->subscribe("app/x", 0, std::make_shared<Recorder>());
+    c->subscribe("app/x", 1, rec);
+    c->subscribe("app/x", 0, rec);
     EXPECT_EQ(log.count(sent), 1u);
-    c->subscribe("app/x", 2, std::make_shared<Recorder>());
+    c->subscribe("app/x", 2, rec);
     EXPECT_EQ(log.count(sent), 2u);
 
     // Without any subscription a client is ready once started and connected.
-    auto empty = client("no-subs");
-    ASSERT_TRUE(empty->connect());
-    empty->start();
-    EXPECT_TRUE(empty->wait_ready(5s));
+    EXPECT_TRUE(ready(*client("no-subs")));
 }
 
-TEST_F(MqttClientTest, WaitReadyWaitsForIpcdToConfirmTheRealTimeTopics) {
+TEST_F(MqttClientTest, WaitReadyWaitsForIpcdNamesWhatIsMissingAndReusesTheObserver) {
     LogCapture log;
     ScriptedIpcd ipcd(broker.host(), broker.port());
     ASSERT_TRUE(ipcd.wait_ready());
     auto c = client("rt-app");
     auto rec = std::make_shared<Recorder>();
-    c->subscribe("rt/speed", 0, rec);
-    c->subscribe("rt/rpm", 0, rec);
-    c->subscribe("plain/t", 0, rec);
-    ASSERT_TRUE(c->connect());
-    c->start();
-    ASSERT_TRUE(c->wait_ready(5s));
-    EXPECT_TRUE(c->is_ready());
-
-    auto announced = ipcd.announcements();
-    std::sort(announced.begin(), announced.end());
-    EXPECT_EQ(announced, (std::vector<std::pair<std::string, std::string>>{
-                             {"rt-app", "rt/rpm"}, {"rt-app", "rt/speed"}}));
-    EXPECT_EQ(ipcd.bad_announcements(), 0u);
-    EXPECT_EQ(log.count("Creating observer and subscribing"), 1u);
-    EXPECT_EQ(log.count("Remove observer and unsubscribe"), 1u);
-    EXPECT_TRUE(log.contains("subscribed topic rt/speed is now active in IPCd subscriptions list"));
-    EXPECT_TRUE(log.contains(" available RT topics"));
-}
-
-TEST_F(MqttClientTest, WaitReadyTimesOutOnUnconfirmedTopicsNamesThemAndReusesTheObserver) {
-    LogCapture log;
-    ScriptedIpcd ipcd(broker.host(), broker.port());
-    ASSERT_TRUE(ipcd.wait_ready());
-    auto c = client("unconfirmed");
-    auto rec = std::make_shared<Recorder>();
+    std::vector<std::pair<std::string, std::string>> announced_topics;
     std::vector<std::string> never;
     for (int i = 0; i < 12; ++i) {
         never.push_back((i < 10 ? "rt/n0" : "rt/n") + std::to_string(i));
         ipcd.ignore(never.back());
-        c->subscribe(never.back(), 0, rec);
+        announced_topics.emplace_back("rt-app", never.back());
     }
-    c->subscribe("rt/fine", 0, rec);
+    announced_topics.emplace_back("rt-app", "rt/speed");
+    for (const auto& [name, topic] : announced_topics) {
+        c->subscribe(topic, 0, rec);
+    }
+    c->subscribe("plain/t", 0, rec);       // not announced
     c->subscribe("bad/#/filter", 0, rec);  // refused locally: never acknowledged
     ASSERT_TRUE(c->connect());
     c->start();
 
     EXPECT_FALSE(c->wait_ready(1s));
-    EXPECT_TRUE(log.contains("Failed to (re)subscribe to topic bad/#/filter [3] "));
-    EXPECT_TRUE(log.contains(
-        "[NOTICE]: [tavi.com.mqttclient] wait_ready timed out waiting for subscriptions\n"
-        "[NOTICE]: [tavi.com.mqttclient] Topics not acknowledged by the broker: "
-        "'bad/#/filter'; real-time topics not confirmed by IPCd: 'rt/n00', 'rt/n01', "
-        "'rt/n02', 'rt/n03', 'rt/n04', 'rt/n05', 'rt/n06', 'rt/n07', 'rt/n08', 'rt/n09' "
-        "and 2 more\n"))
-        << log.text();
     EXPECT_FALSE(c->is_ready());
+    log.expect({"Failed to (re)subscribe to topic bad/#/filter [3] ",
+                "[NOTICE]: [tavi.com.mqttclient] wait_ready timed out waiting for subscriptions\n"
+                "[NOTICE]: [tavi.com.mqttclient] Topics not acknowledged by the broker: "
+                "'bad/#/filter'; real-time topics not confirmed by IPCd: 'rt/n00', 'rt/n01', "
+                "'rt/n02', 'rt/n03', 'rt/n04', 'rt/n05', 'rt/n06', 'rt/n07', 'rt/n08', 'rt/n09' "
+                "and 2 more\n"});
 
     // The IPCd observer stays subscribed after the time-out and serves the next wait.
     c->unsubscribe("bad/#/filter", rec);
@@ -410,8 +363,15 @@ TEST_F(MqttClientTest, WaitReadyTimesOutOnUnconfirmedTopicsNamesThemAndReusesThe
         ipcd.confirm(topic);
     }
     EXPECT_TRUE(c->wait_ready(5s));
+    EXPECT_TRUE(c->is_ready());
     EXPECT_EQ(log.count("Creating observer and subscribing"), 1u);
     EXPECT_EQ(log.count("Remove observer and unsubscribe"), 1u);
+    log.expect({"subscribed topic rt/speed is now active in IPCd subscriptions list",
+                " available RT topics"});
+    auto announced = ipcd.announcements();
+    std::sort(announced.begin(), announced.end());
+    EXPECT_EQ(announced, announced_topics);
+    EXPECT_EQ(ipcd.bad_announcements(), 0u);
 }
 
 TEST_F(MqttClientTest, KeepsRetryingWhileTheBrokerIsDownAndConnectsWhenItComesUp) {
@@ -458,22 +418,16 @@ TEST_F(MqttClientTest, SurvivesTwentyBrokerKillsAndRestoresEverySubscription) {
     for (const auto& topic : topics) {
         c->subscribe(topic, 1, rec);
     }
-    ASSERT_TRUE(c->connect());
-    c->start();
-    ASSERT_TRUE(c->wait_ready(10s));
+    ASSERT_TRUE(ready(*c, 10s));
 
     for (int round = 0; round < 20; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
         broker.kill();
-        ASSERT_TRUE(wait_until([&] { return !c->isConnected(); })) << round;
+        ASSERT_TRUE(wait_until([&] { return !c->isConnected(); }));
         ASSERT_TRUE(broker.start()) << broker.error();
-        ASSERT_TRUE(c->wait_ready(10s)) << round;
+        ASSERT_TRUE(c->wait_ready(10s));
         for (const auto& topic : topics) {
-            const size_t before = rec->count(topic);
-            ASSERT_TRUE(wait_until([&] {
-                peer.publish(topic, std::string("r"));
-                return rec->count(topic) > before;
-            })) << topic
-                << " in round " << round;
+            ASSERT_TRUE(arrives(peer, *rec, topic)) << topic;
         }
     }
     EXPECT_EQ(connection->connected, 21);
@@ -481,25 +435,6 @@ TEST_F(MqttClientTest, SurvivesTwentyBrokerKillsAndRestoresEverySubscription) {
     c->stop();
     EXPECT_EQ(connection->clean, 1);
     EXPECT_EQ(thread_count(), threads_before);
-}
-
-TEST_F(MqttClientTest, PublishWaitAckIsTrueWhenAcknowledgedAndTimesOutWhileTheBrokerIsPaused) {
-    LogCapture log;
-    auto c = client("ack");
-    ASSERT_TRUE(c->connect());
-    EXPECT_TRUE(c->publish_wait_ack("ack/t", text_message("1", 1), 5s));
-
-    broker.pause();
-    EXPECT_FALSE(c->publish_wait_ack("ack/t", text_message("2", 1), 1s));
-    EXPECT_TRUE(log.contains(" timeout while waiting for acknowledgment"));
-    broker.resume();
-    EXPECT_TRUE(c->publish_wait_ack("ack/t", text_message("3", 1), 5s));
-    EXPECT_TRUE(log.contains(" published and acknowledged successfully"));
-
-    EXPECT_TRUE(c->publish_wait_ack("ack/t", text_message("4", 0), 5s));
-    EXPECT_TRUE(
-        log.contains("Incorrect use of MqttClient::publish_wait_ack with message QoS:0 "
-                     "does not have the desired effect!"));
 }
 
 TEST_F(MqttClientTest, TlsAndLoginSucceedOrFailWithoutSecretsInTheLog) {
@@ -511,86 +446,65 @@ TEST_F(MqttClientTest, TlsAndLoginSucceedOrFailWithoutSecretsInTheLog) {
     Broker secure(options);
     ASSERT_TRUE(secure.start()) << secure.error();
     LogCapture log;
+    const std::string tls_at = "127.0.0.1:" + std::to_string(secure.tls_port());
+    const std::string pw_at = "127.0.0.1:" + std::to_string(secure.password_port());
     const auto tls_config = [&](const std::string& name, const std::string& ca) {
-        return make_config("client_name = " + name + "\nhost = 127.0.0.1\nport = " +
-                           std::to_string(secure.tls_port()) + "\ntls.enable = true\n" +
-                           "tls.cafile = " + ca + "\ntls.certfile = " + tls.client_cert +
-                           "\ntls.keyfile = " + tls.client_key +
-                           "\ntls.key.pwd = " + tls.client_key_password + "\n");
+        return "client_name = " + name +
+               "\nhost = 127.0.0.1\nport = " + std::to_string(secure.tls_port()) +
+               "\ntls.enable = true\ntls.cafile = " + ca + "\ntls.certfile = " + tls.client_cert +
+               "\ntls.keyfile = " + tls.client_key + "\ntls.key.pwd = " + tls.client_key_password +
+               "\n";
+    };
+    const std::string login = "host = 127.0.0.1\nport = " + std::to_string(secure.password_port()) +
+                              "\nlogin_username = " + Broker::password_user() +
+                              "\nlogin_password = ";
+    // A refused client keeps retrying in the background: see the failure, then stop it.
+    const auto refused = [&](const std::string& config, const std::string& failure) {
+        auto c = make_client(config);
+        c->start();
+        EXPECT_TRUE(log.wait_for(failure)) << failure;
+        EXPECT_FALSE(c->isConnected());
+        c->stop();
     };
 
     // Client certificate with an encrypted key: connects, and traffic flows.
     MqttPeer peer(secure.host(), secure.port());
     ASSERT_TRUE(peer.subscribe("tls/t"));
-    auto good_config = tls_config("tls-good", tls.ca_cert);
-    MqttClient good(good_config);
-    ASSERT_TRUE(good.connect());
-    EXPECT_EQ(good.publish("tls/t", text_message("secure")), 0);
+    auto good = make_client(tls_config("tls-good", tls.ca_cert));
+    ASSERT_TRUE(good->connect());
+    EXPECT_EQ(good->publish("tls/t", text_message("secure")), 0);
     EXPECT_TRUE(peer.wait_for("tls/t"));
-    good.stop();
+    good->stop();
+    // A broker certificate from another CA, and a wrong password, are refused.
+    refused(tls_config("tls-wrong-ca", tls.other_ca_cert),
+            "MQTT client loop for " + tls_at + " returned [8] ");
+    refused("client_name = pw-bad\n" + login + "not-" + Broker::password_secret(),
+            "Failed to connect to MQTT broker at " + pw_at + " [5] ");
+    auto right = make_client("client_name = pw-good\n" + login + Broker::password_secret());
+    ASSERT_TRUE(right->connect());
+    right->stop();
 
-    // A broker certificate from another CA is refused.
-    auto wrong_ca_config = tls_config("tls-wrong-ca", tls.other_ca_cert);
-    MqttClient wrong_ca(wrong_ca_config);
-    wrong_ca.start();
-    const std::string tls_at = "127.0.0.1:" + std::to_string(secure.tls_port());
-    EXPECT_TRUE(log.wait_for("MQTT client loop for " + tls_at + " returned [8] "));
-    EXPECT_FALSE(wrong_ca.isConnected());
-    wrong_ca.stop();
-
-    // Password listener: the wrong password is refused by the broker, the right one works.
-    const std::string pw_base =
-        "host = 127.0.0.1\nport = " + std::to_string(secure.password_port()) +
-        "\nlogin_username = " + Broker::password_user() + "\n";
-    const std::string wrong_password = "not-" + Broker::password_secret();
-    auto refused_config =
-        make_config("client_name = pw-bad\n" + pw_base + "login_password = " + wrong_password);
-    MqttClient refused(refused_config);
-    refused.start();
-    const std::string pw_at = "127.0.0.1:" + std::to_string(secure.password_port());
-    EXPECT_TRUE(log.wait_for("Failed to connect to MQTT broker at " + pw_at + " [5] "));
-    EXPECT_FALSE(refused.isConnected());
-    refused.stop();
-
-    auto login_config = make_config("client_name = pw-good\n" + pw_base +
-                                    "login_password = " + Broker::password_secret());
-    MqttClient login(login_config);
-    ASSERT_TRUE(login.connect());
-    login.stop();
-
-    const std::string text = log.text();
-    EXPECT_NE(text.find("Successfully set username='tavi-user' and password='***' for MQTT "
-                        "broker at " +
-                        pw_at),
-              std::string::npos);
-    EXPECT_EQ(text.find(tls.client_key_password), std::string::npos);
-    EXPECT_EQ(text.find(Broker::password_secret()), std::string::npos);
-    EXPECT_EQ(text.find(wrong_password), std::string::npos);
+    EXPECT_TRUE(
+        log.contains("Successfully set username='tavi-user' and password='***' for MQTT "
+                     "broker at " +
+                     pw_at));
+    // The wrong password contains the right one.
+    EXPECT_FALSE(log.contains(tls.client_key_password));
+    EXPECT_FALSE(log.contains(Broker::password_secret()));
 }
-
-// Decodes what it receives the way a feature client does.
-class DecodingObserver : public ISubscriptionObserver {
-public:
-    void message(const std::string&, const Message& message) override {
-        auto decoded = m_adapter.deserialize(message);
-        ++seen;
-        if (decoded && decoded.value().client_name() == "valid") {
-            ++decoded_ok;
-        }
-    }
-    std::atomic<int> seen{0}, decoded_ok{0};
-
-private:
-    PbInternalMessageAdapter<pb::SubscriptionMessage> m_adapter{PROTOCOL_SUBSCRIPTION};
-};
 
 TEST_F(MqttClientTest, MalformedPayloadsAreLoggedAndDroppedAndTheClientKeepsWorking) {
     LogCapture log;
+    // Decodes what it receives the way a feature client does.
+    std::atomic<int> decoded{0};
+    PbInternalMessageAdapter<pb::SubscriptionMessage> reader(PROTOCOL_SUBSCRIPTION);
     auto c = client("malformed");
-    auto thrower = std::make_shared<Recorder>();
-    thrower->on_message(
+    auto thrower = std::make_shared<Recorder>(
         [](const std::string&, const Message&) { throw std::runtime_error("observer failure"); });
-    auto decoder = std::make_shared<DecodingObserver>();
+    auto decoder = std::make_shared<Recorder>([&](const std::string&, const Message& message) {
+        auto result = reader.deserialize(message);
+        decoded += result && result.value().client_name() == "valid";
+    });
     c->subscribe("in/data", 0, thrower);
     c->subscribe("in/data", 0, decoder);
     c->subscribe("rt/m", 0, thrower);
@@ -599,27 +513,25 @@ TEST_F(MqttClientTest, MalformedPayloadsAreLoggedAndDroppedAndTheClientKeepsWork
 
     pb::SubscriptionMessage valid;
     valid.set_client_name("valid");
-    valid.add_topics("x");
-    const PbInternalMessageAdapter<pb::SubscriptionMessage> adapter(PROTOCOL_SUBSCRIPTION);
-    const auto frame = adapter.serialize(valid).value().get_data();
-    const std::vector<uint8_t> truncated(frame.begin(), frame.end() - 3);
-    const std::string garbage = "not a frame at all, only text";
+    const PbInternalMessageAdapter<pb::SubscriptionMessage> writer(PROTOCOL_SUBSCRIPTION);
+    const auto bytes = writer.serialize(valid).value().get_data();
+    const std::string frame(bytes.begin(), bytes.end()),
+        truncated = frame.substr(0, frame.size() - 3), garbage = "not a frame at all, only text";
 
     MqttPeer peer(broker.host(), broker.port());
     ASSERT_TRUE(peer.wait_connected());
     // QoS 1 from one peer: delivered in this order.
-    peer.publish("in/data", garbage, 1);
-    peer.publish("in/data", std::string(17, '\x09'), 1);
-    peer.publish("in/data", truncated, 1);
-    peer.publish("in/data", std::string(), 1);
-    peer.publish("in/data", frame, 1);
-    ASSERT_TRUE(wait_until([&] { return decoder->seen == 5; }));
-    EXPECT_EQ(decoder->decoded_ok, 1);
+    for (const auto& payload :
+         {garbage, std::string(17, '\x09'), truncated, std::string(), frame}) {
+        peer.publish("in/data", payload, 1);
+    }
+    ASSERT_TRUE(wait_until([&] { return decoder->count() == 5; }));
+    EXPECT_EQ(decoded, 1);
     EXPECT_EQ(log.count("Exception in message() for topic in/data: observer failure (ignored)"),
               5u);
-    EXPECT_TRUE(log.contains("Unable to decode the header."));
-    EXPECT_TRUE(log.contains("Total length is smaller then expected header length"));
-    EXPECT_TRUE(log.contains("Unable to deserialize protobuf"));
+    log.expect({"Unable to decode the header.",
+                "Total length is smaller then expected header length",
+                "Unable to deserialize protobuf"});
 
     // The same on IPCd's report topic, while wait_ready waits for it.
     const size_t bad_headers = log.count("Unable to decode the header.");
@@ -635,87 +547,60 @@ TEST_F(MqttClientTest, MalformedPayloadsAreLoggedAndDroppedAndTheClientKeepsWork
 
     // Still working.
     peer.publish("in/data", frame, 1);
-    EXPECT_TRUE(wait_until([&] { return decoder->decoded_ok == 2; }));
+    EXPECT_TRUE(wait_until([&] { return decoded == 2; }));
 }
 
-TEST_F(MqttClientTest, BlockingCallsAreRefusedOnTheNetworkThread) {
+TEST_F(MqttClientTest, BlockingCallsAreRefusedOnTheNetworkThreadOnly) {
     LogCapture log;
-    auto c = client("nt-check");
-    const auto module = logging::module("tavi.test");
-    std::atomic<bool> done{false}, on_network_thread{false}, waited{true}, acked{true};
-    std::atomic<int> status{-1};
-    MqttClient* raw = c.get();
-    auto inside = std::make_shared<Recorder>();
-    inside->on_message([&, raw](const std::string&, const Message&) {
-        on_network_thread = raw->is_network_thread();
-        waited = raw->wait_ready(1s);
-        acked = raw->publish_wait_ack("nt/x", text_message("x", 1), 1s);
-        std::mutex mutex;
-        std::condition_variable cv;
-        std::unique_lock<std::mutex> lock(mutex);
-        status = static_cast<int>(_internal::publish_and_wait(
-            *raw, module, "request()", "nt/req", text_message("q"), lock, cv,
-            std::chrono::steady_clock::now() + 1s, [] { return false; }));
-        done = true;
-    });
-    // The synchronous pattern from an application thread: an echo peer answers.
     std::mutex mutex;
     std::condition_variable cv;
     std::string answer;
-    auto responses = std::make_shared<Recorder>();
-    responses->on_message([&](const std::string&, const Message& message) {
+    // From inside an observer: on the network thread, not ready, not acknowledged, refused.
+    std::promise<std::vector<int>> inside_results;
+    auto c = client("nt-check");
+    const auto module = logging::module("tavi.test");
+    // A request the way a feature client makes it: publish, then wait for the answer.
+    const auto request = [&](const std::string& topic, std::chrono::milliseconds timeout,
+                             std::function<bool()> answered) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return _internal::publish_and_wait(*c, module, "request()", topic, text_message("q"), lock,
+                                           cv, std::chrono::steady_clock::now() + timeout,
+                                           answered);
+    };
+    auto inside = std::make_shared<Recorder>([&](const std::string&, const Message&) {
+        inside_results.set_value({c->is_network_thread(), c->wait_ready(1s),
+                                  c->publish_wait_ack("nt/x", text_message("x", 1), 1s),
+                                  static_cast<int>(request("nt/void", 1s, [] { return false; }))});
+    });
+    // The client hears its own request on "nt/req" and takes it as the answer.
+    auto echo = std::make_shared<Recorder>([&](const std::string&, const Message& message) {
         std::lock_guard<std::mutex> lock(mutex);
         answer.assign(message.get_data().begin(), message.get_data().end());
         cv.notify_all();
     });
     c->subscribe("nt/in", 0, inside);
-    c->subscribe("nt/resp", 1, responses);
-    ASSERT_TRUE(c->connect());
-    c->start();
-    ASSERT_TRUE(c->wait_ready(5s));
+    c->subscribe("nt/req", 1, echo);
+    ASSERT_TRUE(ready(*c));
+
     EXPECT_FALSE(c->is_network_thread());
-
-    MqttPeer peer(broker.host(), broker.port());
-    peer.set_handler([&](const MqttPeer::Received& received) {
-        if (received.topic == "nt/req") {
-            peer.publish("nt/resp", "re:" + received.payload, 1);
-        }
-    });
-    ASSERT_TRUE(peer.subscribe("nt/req", 1));
-    peer.publish("nt/in", std::string("go"));
-    ASSERT_TRUE(wait_until([&] { return done.load(); }));
-    EXPECT_TRUE(on_network_thread);
-    EXPECT_FALSE(waited);
-    EXPECT_FALSE(acked);
-    EXPECT_EQ(status, static_cast<int>(_internal::SyncStatus::REFUSED));
-    EXPECT_TRUE(
-        log.contains("wait_ready called on the transport's network thread (inside an "
-                     "observer): the answer could never arrive, refusing to wait."));
-    EXPECT_TRUE(
-        log.contains("[ERROR]: [tavi.test] request() called on the transport's network "
-                     "thread"));
-
-    std::unique_lock<std::mutex> lock(mutex);
-    EXPECT_EQ(_internal::publish_and_wait(*c, module, "request()", "nt/req", text_message("q"),
-                                          lock, cv, std::chrono::steady_clock::now() + 5s,
-                                          [&] { return !answer.empty(); }),
+    EXPECT_EQ(request("nt/req", 5s, [&] { return !answer.empty(); }),
               _internal::SyncStatus::ANSWERED);
-    EXPECT_EQ(answer, "re:q");
+    EXPECT_EQ(answer, "q");
     // Nobody answers on this topic; a short deadline proves the time-out.
-    EXPECT_EQ(
-        _internal::publish_and_wait(*c, module, "request()", "nt/void", text_message("q"), lock, cv,
-                                    std::chrono::steady_clock::now() + 100ms, [] { return false; }),
-        _internal::SyncStatus::TIMED_OUT);
+    EXPECT_EQ(request("nt/void", 100ms, [] { return false; }), _internal::SyncStatus::TIMED_OUT);
+
+    c->publish("nt/in", text_message("go"));
+    auto results = inside_results.get_future();
+    ASSERT_EQ(results.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(results.get(), (std::vector<int>{true, false, false,
+                                               static_cast<int>(_internal::SyncStatus::REFUSED)}));
+    log.expect(
+        {"wait_ready called on the transport's network thread (inside an observer): the "
+         "answer could never arrive, refusing to wait.",
+         "[ERROR]: [tavi.test] request() called on the transport's network thread"});
 }
 
 TEST_F(MqttClientTest, WillIsSentWhenTheConnectionDiesUnlessCleared) {
-    LogCapture log;
-    auto c = client("will-check");
-    EXPECT_FALSE(c->set_will("will/x", Message()));
-    EXPECT_TRUE(
-        log.contains("[ERROR]: [tavi.com.mqttclient] No data has been set in Message "
-                     "instance"));
-
     MqttPeer peer(broker.host(), broker.port());
     ASSERT_TRUE(peer.subscribe("will/#", 1));
     const std::string helper =
@@ -728,21 +613,19 @@ TEST_F(MqttClientTest, WillIsSentWhenTheConnectionDiesUnlessCleared) {
     EXPECT_EQ(peer.count("will/cleared"), 0u);
 }
 
-TEST(MqttClientConfig, BadPortKeepsTheDefaultsAndAFailingTlsSetupEndsConnect) {
+TEST(MqttClientConfig, BadPortKeepsTheDefaultsAndBadTlsOrWillSettingsFail) {
     LogCapture log;
-    auto config = make_config(
+    auto c = make_client(
         "client_name = cfg\nhost = 127.0.0.1\nport = not-a-number\nkeepalive = 30\n"
         "mqtt_version = 5\ntls.enable = true\ntls.cafile = /nonexistent/ca.crt\n"
         "tls.key.pwd = hush-hush\n");
-    MqttClient c(config);
-    EXPECT_TRUE(
-        log.contains("[ERROR]: [tavi.com.mqttclient] Invalid MQTT version specified '5'. "
-                     "Using default.\n"));
-    EXPECT_FALSE(c.connect());
-    EXPECT_TRUE(
-        log.contains("Successfully set MQTT version to 3 for MQTT broker at "
-                     "127.0.0.1:1883\n"));
-    EXPECT_TRUE(log.contains("[ERROR]: [tavi.com.mqttclient] Unable to setup TLS, reason["));
+    EXPECT_FALSE(c->connect());
+    EXPECT_FALSE(c->set_will("will/x", Message()));
+    log.expect({"[ERROR]: [tavi.com.mqttclient] No data has been set in Message instance\n",
+                "[ERROR]: [tavi.com.mqttclient] Invalid MQTT version specified '5'. "
+                "Using default.\n",
+                "Successfully set MQTT version to 3 for MQTT broker at 127.0.0.1:1883\n",
+                "[ERROR]: [tavi.com.mqttclient] Unable to setup TLS, reason["});
     EXPECT_FALSE(log.contains("hush-hush"));
 }
 

@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -20,6 +19,7 @@
 #include "ecu/tavi/pb/logconfig.pb.h"
 #include "support/broker.h"
 #include "support/capture.h"
+#include "support/mqtt_peer.h"
 
 namespace ecu::tavi {
 namespace {
@@ -29,30 +29,6 @@ using ::testing::Not;
 using Adapter = com::PbInternalMessageAdapter<pb::LogConfig>;
 
 const char* const kApp = "rlc-app";
-const char* const kRequestTopic = "app/rlc-app/log/configure";
-const char* const kReplyTopic = "app/rlc-app/log/config";
-
-// Plays the tool on the broker: collects the replies it receives.
-class ReplyCollector : public com::ISubscriptionObserver {
-public:
-    void message(const std::string&, const com::Message& message) override {
-        auto reply = Adapter(com::PROTOCOL_LOG_CONFIG).deserialize(message);
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_replies.push_back(reply ? reply.value() : pb::LogConfig());
-    }
-    size_t count() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_replies.size();
-    }
-    pb::LogConfig last() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_replies.back();
-    }
-
-private:
-    std::mutex m_mutex;
-    std::vector<pb::LogConfig> m_replies;
-};
 
 // The modules of a reply as "name=0|1" in reply order.
 std::string modules_of(const pb::LogConfig& reply) {
@@ -71,6 +47,7 @@ pb::LogConfig::LogModule* add_switch(pb::LogConfig& request, const std::string& 
     return entry;
 }
 
+// The application's transport with its control, and a plain MQTT peer playing the tool.
 class RemoteLogControlTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -82,22 +59,17 @@ protected:
         logging::set_log_mode(logging::STDOUT);
         logging::set_log_level(7);
         m_capture = std::make_unique<test::StdoutCapture>();
-
+        m_tool = std::make_unique<test::MqttPeer>(m_broker.host(), m_broker.port());
+        ASSERT_TRUE(m_tool->subscribe("app/+/log/config", 1));
         m_app = connected_client(kApp);
         m_control = logging::create_remote_log_control(m_app);
-        m_tool = connected_client("rlc-tool");
-        m_replies = std::make_shared<ReplyCollector>();
-        m_tool->subscribe(kReplyTopic, 1, m_replies);
         ASSERT_TRUE(m_app->wait_ready(std::chrono::seconds(10)));
-        ASSERT_TRUE(m_tool->wait_ready(std::chrono::seconds(10)));
     }
 
     void TearDown() override {
         m_control.reset();
-        for (auto* client : {&m_tool, &m_app}) {
-            if (*client) {
-                (*client)->stop();
-            }
+        if (m_app) {
+            m_app->stop();
         }
     }
 
@@ -113,33 +85,40 @@ protected:
         return client;
     }
 
-    void send(const std::string& topic, const com::Message& request) {
-        ASSERT_EQ(0, m_tool->publish(topic, request));
+    void send(const std::vector<uint8_t>& payload, const std::string& app = kApp) {
+        ASSERT_EQ(0, m_tool->publish("app/" + app + "/log/configure", payload, 1));
+    }
+    size_t replies(const std::string& app = kApp) {
+        return m_tool->count("app/" + app + "/log/config");
     }
 
     // Sends the request and returns the reply it causes.
-    pb::LogConfig exchange(const pb::LogConfig& request) {
-        const size_t before = m_replies->count();
-        auto framed = Adapter(com::PROTOCOL_LOG_CONFIG).serialize(request);
-        EXPECT_TRUE(framed.has_value());
-        framed.value().set_qos(1);
-        send(kRequestTopic, framed.value());
-        EXPECT_TRUE(test::wait_until([&] { return m_replies->count() > before; }));
-        return m_replies->count() > before ? m_replies->last() : pb::LogConfig();
+    pb::LogConfig exchange(const pb::LogConfig& request, const std::string& app = kApp) {
+        const size_t before = replies(app);
+        send(Adapter(com::PROTOCOL_LOG_CONFIG).serialize(request).value().get_data(), app);
+        if (!m_tool->wait_for("app/" + app + "/log/config", before + 1)) {
+            ADD_FAILURE() << "no reply";
+            return {};
+        }
+        const std::string payload = m_tool->received().back().payload;
+        auto reply = Adapter(com::PROTOCOL_LOG_CONFIG)
+                         .deserialize(com::Message(payload.data(), payload.size()));
+        EXPECT_TRUE(reply.has_value());
+        return reply ? reply.value() : pb::LogConfig();
     }
 
-    // Proves that no reply arrives; a fixed wait is the only way to see an absence.
-    void expect_no_reply_after(size_t before) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        EXPECT_EQ(before, m_replies->count());
+    void expect_logged(std::initializer_list<std::string> lines) {
+        const std::string log = m_capture->text();
+        for (const auto& line : lines) {
+            EXPECT_THAT(log, HasSubstr(line));
+        }
     }
 
     test::Broker m_broker;
     std::unique_ptr<test::StdoutCapture> m_capture;
+    std::unique_ptr<test::MqttPeer> m_tool;
     std::shared_ptr<com::ITransportClient> m_app;
-    std::shared_ptr<com::ITransportClient> m_tool;
     std::unique_ptr<logging::RemoteLogControl> m_control;
-    std::shared_ptr<ReplyCollector> m_replies;
 };
 
 TEST_F(RemoteLogControlTest, EmptyRequestIsAnsweredWithTheWholeTreeAndChangesNothing) {
@@ -151,26 +130,17 @@ TEST_F(RemoteLogControlTest, EmptyRequestIsAnsweredWithTheWholeTreeAndChangesNot
 
     const auto reply = exchange(pb::LogConfig());
 
+    // The reply shows the unchanged settings. Root first, each module before its children,
+    // children in byte-wise name order; the control enabled its own module.
+    // reset_modules() left the root disabled.
     EXPECT_EQ(pb::LogConfig::STDOUT, reply.mode());
     EXPECT_EQ(pb::LogConfig::DEBUG, reply.level());
-    // Root first, each module before its children, children in byte-wise name order; the
-    // control enabled its own module. reset_modules() left the root disabled.
     EXPECT_EQ(
         "root=0 Zeta=0 rlc-app=0 rlc-app.log=1 tavi=0 tavi.a=0 tavi.com=1 tavi.com.acl=0 "
         "tavi.z=0",
         modules_of(reply));
-    for (const auto& entry : reply.modules()) {
-        EXPECT_FALSE(entry.has_recursive()) << entry.name();
-    }
-    EXPECT_EQ(7, logging::get_log_level());
-    EXPECT_EQ(logging::STDOUT, logging::get_log_mode());
-    EXPECT_TRUE(logging::module("tavi.com")->enabled());
-    EXPECT_FALSE(logging::module("tavi.com.acl")->enabled());
-
-    const std::string log = m_capture->text();
-    EXPECT_THAT(log,
-                HasSubstr("[DEBUG]: [rlc-app.log] Remote Log Control initialized for rlc-app\n"));
-    EXPECT_THAT(log, HasSubstr("[DEBUG]: [rlc-app.log] Received request for log configuration\n"));
+    expect_logged({"[DEBUG]: [rlc-app.log] Remote Log Control initialized for rlc-app\n",
+                   "[DEBUG]: [rlc-app.log] Received request for log configuration\n"});
 }
 
 TEST_F(RemoteLogControlTest, ModeLevelAndModuleSwitchesTakeEffect) {
@@ -186,23 +156,19 @@ TEST_F(RemoteLogControlTest, ModeLevelAndModuleSwitchesTakeEffect) {
     add_switch(request, "new.module", true);  // created on the way, only "module" enabled
     auto reply = exchange(request);
 
-    EXPECT_EQ(pb::LogConfig::STDERR, reply.mode());
-    EXPECT_EQ(pb::LogConfig::INFO, reply.level());
+    // The reply shows the settings after the change.
     EXPECT_EQ(logging::STDERR, logging::get_log_mode());
     EXPECT_EQ(6, logging::get_log_level());
+    EXPECT_EQ(pb::LogConfig::INFO, reply.level());
     EXPECT_EQ(
         "root=0 new=0 new.module=1 rlc-app=0 rlc-app.log=1 tavi=1 tavi.com=0 tavi.com.acl=0 "
         "tavi.diag=0 tavi.diag.uds=1",
         modules_of(reply));
-    EXPECT_FALSE(logging::module("tavi.com.acl")->enabled());
-    EXPECT_TRUE(logging::module("tavi.diag.uds")->enabled());
-
-    const std::string log = m_capture->text();
-    EXPECT_THAT(log, HasSubstr("[NOTICE]: [rlc-app.log] Set logmode to '2'\n"));
-    EXPECT_THAT(log, HasSubstr("[NOTICE]: [rlc-app.log] Set loglevel to '6'\n"));
-    EXPECT_THAT(log, HasSubstr("[NOTICE]: [rlc-app.log] Disable logging for 'tavi.com'\n"));
-    EXPECT_THAT(log, HasSubstr("[NOTICE]: [rlc-app.log] Enable logging for 'new.module'\n"));
-    EXPECT_THAT(log, Not(HasSubstr("Received request for log configuration")));
+    expect_logged({"[NOTICE]: [rlc-app.log] Set logmode to '2'\n",
+                   "[NOTICE]: [rlc-app.log] Set loglevel to '6'\n",
+                   "[NOTICE]: [rlc-app.log] Disable logging for 'tavi.com'\n",
+                   "[NOTICE]: [rlc-app.log] Enable logging for 'new.module'\n"});
+    EXPECT_THAT(m_capture->text(), Not(HasSubstr("Received request for log configuration")));
 }
 
 TEST_F(RemoteLogControlTest, AllSwitchesEveryModuleAndEntriesApplyInOrder) {
@@ -221,11 +187,10 @@ TEST_F(RemoteLogControlTest, AllSwitchesEveryModuleAndEntriesApplyInOrder) {
     // "all" is not a module of its own.
     EXPECT_EQ(0u, logging::module("root")->children().count("all"));
 
-    const std::string log = m_capture->text();
-    EXPECT_THAT(log, HasSubstr("[NOTICE]: [rlc-app.log] Enable logging for all modules\n"));
-    EXPECT_THAT(log, HasSubstr("[NOTICE]: [rlc-app.log] Disable logging for all modules\n"));
+    expect_logged({"[NOTICE]: [rlc-app.log] Enable logging for all modules\n",
+                   "[NOTICE]: [rlc-app.log] Disable logging for all modules\n"});
     // From then on the control's own module is disabled, and its NOTICE lines with it.
-    EXPECT_THAT(log, Not(HasSubstr("Enable logging for 'tavi.com'")));
+    EXPECT_THAT(m_capture->text(), Not(HasSubstr("Enable logging for 'tavi.com'")));
 }
 
 TEST_F(RemoteLogControlTest, InvalidEntryIsSkippedAndTheRestApplies) {
@@ -236,53 +201,37 @@ TEST_F(RemoteLogControlTest, InvalidEntryIsSkippedAndTheRestApplies) {
     const auto reply = exchange(request);
 
     EXPECT_EQ("root=0 rlc-app=0 rlc-app.log=1 valid=1", modules_of(reply));
+    expect_logged({"[NOTICE]: [rlc-app.log] Enable logging for 'valid'\n"});
     const std::string log = m_capture->text();
     const std::string invalid =
         "[ERROR]: [rlc-app.log] Invalid log module configuration received\n";
-    const auto first = log.find(invalid);
-    ASSERT_NE(std::string::npos, first);
-    EXPECT_NE(std::string::npos, log.find(invalid, first + 1));
-    EXPECT_THAT(log, HasSubstr("[NOTICE]: [rlc-app.log] Enable logging for 'valid'\n"));
+    EXPECT_NE(log.find(invalid, log.find(invalid) + 1), std::string::npos) << "one line each";
 }
 
-TEST_F(RemoteLogControlTest, UndecodableRequestGetsNoReply) {
-    const size_t before = m_replies->count();
-    com::Message garbage(std::vector<uint8_t>(30, 0xff));
-    garbage.set_qos(1);
-    send(kRequestTopic, garbage);
-
+TEST_F(RemoteLogControlTest, UndecodableRequestsAndADestroyedControlGetNoReply) {
+    const size_t before = replies();
+    send(std::vector<uint8_t>(30, 0xff));
     EXPECT_TRUE(test::wait_until([&] {
         return m_capture->text().find(
                    "[ERROR]: [rlc-app.log] Unable to deserialize data for "
                    "topic app/rlc-app/log/configure\n") != std::string::npos;
     }));
-    expect_no_reply_after(before);
     // The control still answers the next good request.
     EXPECT_EQ(pb::LogConfig::DEBUG, exchange(pb::LogConfig()).level());
-}
 
-TEST_F(RemoteLogControlTest, DestroyedControlNoLongerAnswers) {
-    exchange(pb::LogConfig());
     m_control.reset();
-
-    const size_t before = m_replies->count();
-    auto framed = Adapter(com::PROTOCOL_LOG_CONFIG).serialize(pb::LogConfig());
-    send(kRequestTopic, framed.value());
-    expect_no_reply_after(before);
+    send(Adapter(com::PROTOCOL_LOG_CONFIG).serialize(pb::LogConfig()).value().get_data());
+    // Proves that no reply arrives; a fixed wait is the only way to see an absence.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(before + 1, replies());
 }
 
 // The control that create_client attaches lives exactly as long as the transport it returns.
 TEST_F(RemoteLogControlTest, FactoryAttachesControlForTheTransportsLifetime) {
-    auto replies = std::make_shared<ReplyCollector>();
-    m_tool->subscribe("app/rlc-factory/log/config", 1, replies);
-    ASSERT_TRUE(m_tool->wait_ready(std::chrono::seconds(10)));
     auto client = connected_client("rlc-factory", true);
     ASSERT_TRUE(client->wait_ready(std::chrono::seconds(10)));
-
-    auto framed = Adapter(com::PROTOCOL_LOG_CONFIG).serialize(pb::LogConfig());
-    send("app/rlc-factory/log/configure", framed.value());
-    ASSERT_TRUE(test::wait_until([&] { return replies->count() == 1; }));
-    EXPECT_THAT(modules_of(replies->last()), HasSubstr("rlc-factory.log=1"));
+    EXPECT_THAT(modules_of(exchange(pb::LogConfig(), "rlc-factory")),
+                HasSubstr("rlc-factory.log=1"));
 
     client->stop();
     std::weak_ptr<com::ITransportClient> gone = client;

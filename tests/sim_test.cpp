@@ -1,6 +1,7 @@
 // The simulator against a real broker: the IPC daemon's relay and readiness protocol as
 // applications see them through the library, the demo application run against it, and
 // tavi-sim stopping cleanly on SIGTERM.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -11,9 +12,8 @@
 #include <condition_variable>
 #include <cstdio>
 #include <fstream>
-#include <map>
+#include <iterator>
 #include <mutex>
-#include <sstream>
 #include <thread>
 
 #include "ecu/tavi/com/client.h"
@@ -28,27 +28,25 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::wait_until;
+using ::testing::HasSubstr;
 
 const char* const kTopic = "rt/vekcan/rx/ccvs";
 
+// Keeps every message that arrives.
 class Inbox : public com::ISubscriptionObserver {
 public:
-    void message(const std::string& topic, const com::Message& message) override {
+    void message(const std::string&, const com::Message& message) override {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_messages[topic].push_back(message);
+        m_messages.push_back(message);
     }
-    size_t count(const std::string& topic) {
+    std::vector<com::Message> messages() {
         std::lock_guard<std::mutex> lock(m_mutex);
-        return m_messages[topic].size();
-    }
-    com::Message last(const std::string& topic) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_messages[topic].back();
+        return m_messages;
     }
 
 private:
     std::mutex m_mutex;
-    std::map<std::string, std::vector<com::Message>> m_messages;
+    std::vector<com::Message> m_messages;
 };
 
 class SimTest : public ::testing::Test {
@@ -61,9 +59,18 @@ protected:
         ASSERT_TRUE(m_kit.start()) << m_kit.error();
     }
 
-    std::shared_ptr<com::ITransportClient> application(const std::string& name) {
+    // An application, subscribed to topic (if any), connected and started.
+    std::shared_ptr<com::ITransportClient> application(const std::string& name,
+                                                       const std::string& topic = "",
+                                                       std::shared_ptr<Inbox> inbox = {}) {
         auto configuration = m_kit.client_configuration(name);
-        return com::create_client(configuration, com::MQTT);
+        auto app = com::create_client(configuration, com::MQTT);
+        if (!topic.empty()) {
+            app->subscribe(topic, 0, inbox ? inbox : std::make_shared<Inbox>());
+        }
+        EXPECT_TRUE(app->connect());
+        app->start();
+        return app;
     }
 
     TestKit m_kit{{"unit.hostname = tele-test\n", MURNTAVI_RTSUPPORT_LIB}};
@@ -73,11 +80,8 @@ TEST_F(SimTest, ApplicationIsReadyOnlyOnceIpcdConfirmsAndGetsGroupsThroughTheRel
     Simulator& simulator = m_kit.simulator();
     ASSERT_TRUE(simulator.set_silenced("ipcd", true));
 
-    auto receiver = application("sim-receiver");
     auto inbox = std::make_shared<Inbox>();
-    receiver->subscribe(kTopic, 0, inbox);
-    ASSERT_TRUE(receiver->connect());
-    receiver->start();
+    auto receiver = application("sim-receiver", kTopic, inbox);
     // The broker acknowledges the subscription, but IPCd says nothing: not ready.
     EXPECT_FALSE(receiver->wait_ready(1s));
     EXPECT_FALSE(receiver->is_ready());
@@ -85,8 +89,6 @@ TEST_F(SimTest, ApplicationIsReadyOnlyOnceIpcdConfirmsAndGetsGroupsThroughTheRel
     EXPECT_TRUE(receiver->wait_ready(10s));
 
     auto sender = application("sim-sender");
-    ASSERT_TRUE(sender->connect());
-    sender->start();
     ASSERT_TRUE(sender->wait_ready(10s));
     const rt::SignalAdapter& adapter = rt::SignalAdapter::instance();
     auto group = adapter.create_sg(kTopic);
@@ -95,8 +97,8 @@ TEST_F(SimTest, ApplicationIsReadyOnlyOnceIpcdConfirmsAndGetsGroupsThroughTheRel
     auto packed = adapter.pack(*group);
     ASSERT_TRUE(packed.has_value());
     ASSERT_EQ(sender->publish(kTopic, packed.value()), 0);
-    ASSERT_TRUE(wait_until([&] { return inbox->count(kTopic) == 1; }));
-    auto back = adapter.unpack(kTopic, inbox->last(kTopic));
+    ASSERT_TRUE(wait_until([&] { return inbox->messages().size() == 1; }));
+    auto back = adapter.unpack(kTopic, inbox->messages().at(0));
     ASSERT_TRUE(back.has_value()) << back.error().message;
     EXPECT_EQ(back.value(), *group);
     EXPECT_EQ(back.value().signal("wheel_based_vehicle_speed")->value_scaled().value, 42.5);
@@ -105,53 +107,37 @@ TEST_F(SimTest, ApplicationIsReadyOnlyOnceIpcdConfirmsAndGetsGroupsThroughTheRel
     simulator.set_silenced("ipcd", true);
     ASSERT_EQ(sender->publish(kTopic, packed.value()), 0);
     std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(inbox->count(kTopic), 1u);
+    EXPECT_EQ(inbox->messages().size(), 1u);
     receiver->stop();
     sender->stop();
 }
 
 TEST_F(SimTest, IpcdConfirmsOnlyOfferedTopicsThatTheUnitDoesNotRefuse) {
     ASSERT_TRUE(m_kit.simulator().set_unit_value("ipcd.refused_topics", "rt/vekcan/rx/eec1"));
-    auto inbox = std::make_shared<Inbox>();
     for (const char* topic : {"rt/vekcan/rx/eec1", "rt/not/offered"}) {
-        auto app = application("sim-refused");
-        app->subscribe(topic, 0, inbox);
-        ASSERT_TRUE(app->connect());
-        app->start();
+        auto app = application("sim-refused", topic);
         EXPECT_FALSE(app->wait_ready(1s)) << topic;
         app->stop();
     }
     // Changing the unit back lets the next application through.
     ASSERT_TRUE(m_kit.simulator().set_unit_value("ipcd.refused_topics", ""));
-    auto app = application("sim-accepted");
-    app->subscribe("rt/vekcan/rx/eec1", 0, inbox);
-    ASSERT_TRUE(app->connect());
-    app->start();
+    auto app = application("sim-accepted", "rt/vekcan/rx/eec1");
     EXPECT_TRUE(app->wait_ready(10s));
     app->stop();
 }
 
 TEST_F(SimTest, DelayedIpcdHoldsBackTheConfirmation) {
     ASSERT_TRUE(m_kit.simulator().set_delay("ipcd", 3s));
-    auto app = application("sim-delayed");
-    app->subscribe(kTopic, 0, std::make_shared<Inbox>());
-    ASSERT_TRUE(app->connect());
-    app->start();
+    auto app = application("sim-delayed", kTopic);
     EXPECT_FALSE(app->wait_ready(1s));
     EXPECT_TRUE(app->wait_ready(10s));
     app->stop();
 }
 
-using test::ProcessRun;
-
-ProcessRun run(const std::string& command) {
-    return test::run_command(command);
-}
-
 #ifdef TAVI_DEMO
 class SimDemoTest : public SimTest {
 protected:
-    ProcessRun run_demo() {
+    test::ProcessRun run_demo() {
         const std::string conf = ::testing::TempDir() + "demo.conf";
         {
             std::ofstream out(conf);
@@ -159,29 +145,27 @@ protected:
                 << "rt_support_library = " MURNTAVI_RTSUPPORT_LIB "\n"
                 << "ready_timeout_s = 1\nlogging.mode = syslog\n";
         }
-        return run(std::string(TAVI_DEMO) + " " + conf);
+        return test::run_command(std::string(TAVI_DEMO) + " " + conf);
     }
 };
 
 TEST_F(SimDemoTest, PassesEveryStepAgainstTheSimulator) {
-    auto demo = run_demo();
+    const auto demo = run_demo();
     EXPECT_EQ(demo.exit_code, 0) << demo.output;
     for (const char* step : {"connect", "readiness with IPCd", "log control: query",
                              "log control: change", "real-time round trip"}) {
-        EXPECT_NE(demo.output.find(std::string("  OK    ") + step), std::string::npos)
-            << step << "\n"
-            << demo.output;
+        EXPECT_THAT(demo.output, HasSubstr(std::string("  OK    ") + step));
     }
-    EXPECT_NE(demo.output.find("demo: 5 of 5 steps OK"), std::string::npos);
+    EXPECT_THAT(demo.output, HasSubstr("demo: 5 of 5 steps OK"));
 }
 
 TEST_F(SimDemoTest, FailsWithExitCodeOneWhenIpcdDoesNotAnswer) {
     m_kit.simulator().set_silenced("ipcd", true);
-    auto demo = run_demo();
+    const auto demo = run_demo();
     EXPECT_EQ(demo.exit_code, 1) << demo.output;
-    EXPECT_NE(demo.output.find("  FAIL  readiness with IPCd"), std::string::npos) << demo.output;
-    EXPECT_NE(demo.output.find("  SKIP  real-time round trip"), std::string::npos) << demo.output;
-    EXPECT_NE(demo.output.find("demo: 1 of 5 steps OK"), std::string::npos) << demo.output;
+    EXPECT_THAT(demo.output, HasSubstr("  FAIL  readiness with IPCd"));
+    EXPECT_THAT(demo.output, HasSubstr("  SKIP  real-time round trip"));
+    EXPECT_THAT(demo.output, HasSubstr("demo: 1 of 5 steps OK"));
 }
 #endif
 
@@ -205,11 +189,9 @@ TEST(SimProcess, StopsCleanlyOnSigtermAndClearsItsReport) {
                 port.c_str(), static_cast<char*>(nullptr));
         ::_exit(127);
     }
-    auto log_text = [&] {
+    const auto log_text = [&] {
         std::ifstream in(log);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
+        return std::string(std::istreambuf_iterator<char>(in), {});
     };
     ASSERT_TRUE(wait_until([&] { return log_text().find("tavi-sim: ready") != std::string::npos; }))
         << log_text();

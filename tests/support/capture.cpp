@@ -1,5 +1,7 @@
 #include "support/capture.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,6 +25,13 @@ StdoutCapture::StdoutCapture() {
 }
 
 StdoutCapture::~StdoutCapture() {
+    // A capture that lasts the whole test also swallows gtest's failure messages: hand
+    // everything to standard error when the test failed.
+    if (m_saved_fd >= 0 && ::testing::Test::HasFailure()) {
+        const std::string captured = text();
+        restore();
+        std::fprintf(stderr, "--- captured standard output ---\n%s--- end ---\n", captured.c_str());
+    }
     restore();
     ::unlink(m_path.c_str());
 }

@@ -185,8 +185,10 @@ TEST(SimProcess, StopsCleanlyOnSigtermAndClearsItsReport) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         std::freopen(log.c_str(), "w", stdout);
         ::dup2(1, 2);
-        ::execl(TAVI_SIM, "tavi-sim", "--unit", unit.c_str(), "--host", "127.0.0.1", "--port",
-                port.c_str(), static_cast<char*>(nullptr));
+        // Through the shell, since TAVI_SIM may name an emulator before the program.
+        const std::string command =
+            "exec " TAVI_SIM " --unit " + unit + " --host 127.0.0.1 --port " + port;
+        ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
         ::_exit(127);
     }
     const auto log_text = [&] {

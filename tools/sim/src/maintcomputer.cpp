@@ -1,6 +1,9 @@
-// The vehicle's maintenance computer: answers every maintenance request group it receives on
-// "rt/vekcan/tx/fws_fb" with a response group on "rt/vekcan/rx/fws_27", both through the
-// IPC daemon's relay as on the vehicle bus.
+// The vehicle's maintenance computer: answers every maintenance request group sent on
+// "rt/vekcan/tx/fws_fb" with a response group on "rt/vekcan/rx/fws_27".
+//
+// It takes the request where applications hand it to the IPC daemon ("rttx/..."), so that
+// it needs no confirmation of a real-time topic to start; its answer reaches the
+// applications through the IPC daemon's relay, as a group from the vehicle bus does.
 //
 // The answer repeats the request's identifying bytes (aaf, cid, einheitdaten, the two
 // qualities, reihenfolge), reports the requested query type as bwi, and carries the unit's
@@ -27,6 +30,7 @@ namespace ecu::tavi::sim {
 namespace {
 
 const char* const kRequestTopic = "rt/vekcan/tx/fws_fb";
+const char* const kRequestRelayTopic = "rttx/vekcan/tx/fws_fb";
 const char* const kResponseTopic = "rt/vekcan/rx/fws_27";
 const char* const kInfoKey = "maint.wartungsinformation";
 const char* const kStatusKey = "maint.statusdaten";
@@ -85,7 +89,7 @@ public:
             NOTICE.do_flush();
             return Result<void, std::string>::ok();
         }
-        subscribe(kRequestTopic, 0,
+        subscribe(kRequestRelayTopic, 0,
                   [this](const std::string&, const com::Message& message) { received(message); });
         return Result<void, std::string>::ok();
     }

@@ -86,7 +86,9 @@ TEST_F(DiagSimTest, UdsInterfaceIsLentAnsweredFromTheUnitAndGivenBack) {
     EXPECT_TRUE(m_uds->release_interface(5000));
     EXPECT_EQ(1, m_uds->send_request_async({0x17, {0x3e, 0x00}}, UdsParameters()));
 
-    // A silenced daemon leaves the allocation unsettled.
+    // A slow or a silenced daemon leaves the allocation unsettled.
+    ASSERT_TRUE(m_kit.simulator().set_unit_value("uds.delay_ms", "2000").has_value());
+    EXPECT_EQ(UDS_INTERFACE_UNAVAILABLE, m_uds->allocate_interface(can1, 300));
     m_kit.simulator().set_silenced("udsifd", true);
     EXPECT_EQ(UDS_INTERFACE_UNAVAILABLE, m_uds->allocate_interface(can1, 300));
 }

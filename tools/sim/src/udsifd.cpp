@@ -116,9 +116,13 @@ public:
         return Result<void, std::string>::ok();
     }
 
+    // Applies uds.delay_ms when the unit gives it, at start and after every change of the
+    // unit; a delay set through the test kit holds until then.
     void publish_state() override {
         const std::string delay = unit().get(kDelayKey);
-        set_delay(std::chrono::milliseconds(std::strtoul(delay.c_str(), nullptr, 10)));
+        if (!delay.empty()) {
+            set_delay(std::chrono::milliseconds(std::strtoul(delay.c_str(), nullptr, 10)));
+        }
     }
 
 private:

@@ -67,7 +67,7 @@ public:
     using Script = std::function<std::vector<Reply>(const std::string& topic, const Req&)>;
 
     ScriptedDaemon(const Broker& broker, const std::string& filter, std::uint32_t protocol)
-        : m_peer(broker.host(), broker.port()), m_adapter(protocol) {
+        : m_adapter(protocol), m_peer(broker.host(), broker.port()) {
         m_peer.set_handler([this](const MqttPeer::Received& received) { handle(received); });
         m_peer.subscribe(filter, 1);
     }
@@ -114,11 +114,12 @@ private:
         }
     }
 
-    MqttPeer m_peer;
     com::PbInternalMessageAdapter<Req> m_adapter;
     std::mutex m_mutex;
     Script m_script;
     std::vector<std::pair<std::string, Req>> m_requests;
+    // Last, so that its thread has ended before the rest goes.
+    MqttPeer m_peer;
 };
 
 // Fixture of a feature client's tests: the broker, log lines (every level) captured from

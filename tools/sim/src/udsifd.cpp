@@ -107,8 +107,10 @@ public:
     }
 
     Result<void, std::string> setup() override {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_owners.clear();
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_owners.clear();
+        }
         subscribe("system/udsifd/+", 1,
                   [this](const std::string& topic, const com::Message& message) {
                       received(topic, message);

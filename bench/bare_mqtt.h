@@ -99,36 +99,61 @@ inline std::unique_ptr<test::MqttPeer> make_echo(const test::Broker& broker,
     return echo;
 }
 
-inline void report_latencies(benchmark::State& state, std::vector<double>& micros) {
+// Median and 99th percentile of round trips in microseconds, as counters named prefix +
+// "p50_us" and prefix + "p99_us".
+inline void report_latencies(benchmark::State& state, std::vector<double>& micros,
+                             const std::string& prefix = "") {
     if (micros.empty()) {
         return;
     }
     std::sort(micros.begin(), micros.end());
-    state.counters["p50_us"] = micros[micros.size() / 2];
-    state.counters["p99_us"] = micros[micros.size() * 99 / 100];
+    state.counters[prefix + "p50_us"] = micros[micros.size() / 2];
+    state.counters[prefix + "p99_us"] = micros[micros.size() * 99 / 100];
 }
 
 // The baseline of every request/response benchmark: a bare libmosquittopp client sends a
 // payload through the broker to an echo peer and waits for it to come back.
+class BareRoundTrip {
+public:
+    BareRoundTrip(const test::Broker& broker, int qos, std::string payload)
+        : m_echo(make_echo(broker, "bench/bare/req", "bench/bare/resp")),
+          m_client(m_arrivals, broker),
+          m_qos(qos),
+          m_payload(std::move(payload)) {
+        m_client.subscribe_and_wait("bench/bare/resp", qos);
+    }
+    // One exchange; its time in microseconds, or a negative value without an answer.
+    double once() {
+        const uint64_t target = m_arrivals.now() + 1;
+        const auto start = std::chrono::steady_clock::now();
+        m_client.publish(nullptr, "bench/bare/req", static_cast<int>(m_payload.size()),
+                         m_payload.data(), m_qos, false);
+        if (!m_arrivals.wait_for(target)) {
+            return -1;
+        }
+        return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start)
+            .count();
+    }
+
+private:
+    std::unique_ptr<test::MqttPeer> m_echo;
+    Arrivals m_arrivals;
+    BareClient m_client;
+    int m_qos;
+    std::string m_payload;
+};
+
 inline void bare_round_trip(benchmark::State& state, const test::Broker& broker, int qos,
                             const std::string& payload) {
-    auto echo = make_echo(broker, "bench/bare/req", "bench/bare/resp");
-    Arrivals arrivals;
-    BareClient client(arrivals, broker);
-    client.subscribe_and_wait("bench/bare/resp", qos);
+    BareRoundTrip bare(broker, qos, payload);
     std::vector<double> micros;
     for (auto _ : state) {
-        const uint64_t target = arrivals.now() + 1;
-        const auto start = std::chrono::steady_clock::now();
-        client.publish(nullptr, "bench/bare/req", static_cast<int>(payload.size()), payload.data(),
-                       qos, false);
-        if (!arrivals.wait_for(target)) {
+        const double took = bare.once();
+        if (took < 0) {
             state.SkipWithError("no answer");
             break;
         }
-        micros.push_back(
-            std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start)
-                .count());
+        micros.push_back(took);
     }
     report_latencies(state, micros);
 }

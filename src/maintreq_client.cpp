@@ -134,9 +134,9 @@ MaintenanceRequestClient::MaintenanceRequestClient(std::shared_ptr<com::ITranspo
     if (!framed) {
         ERROR << s_log << MRC "Unable to serialize SubscriptionMessage for " << TOPIC_MAINT_RESP;
         ERROR.do_flush();
-    } else {
-        // Before the connection this goes nowhere; the transport announces the topic again
-        // whenever it subscribes.
+    } else if (m_transport->isConnected()) {
+        // Before the connection there is nobody to tell; the transport announces the topic
+        // itself whenever it subscribes.
         m_transport->publish(com::_internal::kAnnouncementTopic, framed.value());
     }
     m_transport->subscribe(TOPIC_MAINT_RESP, 0, m_wrapper);

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "bare_mqtt.h"
 #include "ecu/tavi/com/message.h"
 #include "ecu/tavi/config/configuration.h"
 #include "ecu/tavi/logging/logging.h"
@@ -31,72 +32,10 @@
 namespace {
 
 using namespace ecu::tavi;
+using namespace ecu::tavi::bench;
 using Clock = std::chrono::steady_clock;
 
 test::Broker* g_broker = nullptr;
-
-// Counts arrivals and wakes one waiter; shared by the bare client and the observer.
-struct Arrivals {
-    std::mutex mutex;
-    std::condition_variable cv;
-    uint64_t count = 0;
-
-    void add() {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            ++count;
-        }
-        cv.notify_all();
-    }
-    uint64_t now() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return count;
-    }
-    bool wait_for(uint64_t target) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return cv.wait_for(lock, std::chrono::seconds(10), [&] { return count >= target; });
-    }
-};
-
-class BareClient : public mosqpp::mosquittopp {
-public:
-    explicit BareClient(Arrivals& arrivals) : m_arrivals(arrivals) {
-        connect("127.0.0.1", g_broker->port(), 60);
-        loop_start();
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_cv.wait_for(lock, std::chrono::seconds(10), [&] { return m_connected; });
-    }
-    ~BareClient() override {
-        disconnect();
-        loop_stop();
-    }
-    void subscribe_and_wait(const std::string& topic, int qos) {
-        int mid = 0;
-        subscribe(&mid, topic.c_str(), qos);
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_cv.wait_for(lock, std::chrono::seconds(10), [&] { return m_last_suback == mid; });
-    }
-    void on_connect(int) override {
-        const int one = 1;
-        ::setsockopt(socket(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_connected = true;
-        m_cv.notify_all();
-    }
-    void on_subscribe(int mid, int, const int*) override {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_last_suback = mid;
-        m_cv.notify_all();
-    }
-    void on_message(const struct mosquitto_message*) override { m_arrivals.add(); }
-
-private:
-    Arrivals& m_arrivals;
-    std::mutex m_mutex;
-    std::condition_variable m_cv;
-    bool m_connected = false;
-    int m_last_suback = 0;
-};
 
 class CountingObserver : public com::ISubscriptionObserver {
 public:
@@ -117,52 +56,15 @@ std::unique_ptr<com::MqttClient> make_client(const std::string& name) {
     return client;
 }
 
-// The echo peer answers every request on the response topic with the request's QoS.
-std::unique_ptr<test::MqttPeer> make_echo(const std::string& request, const std::string& response) {
-    auto echo = std::make_unique<test::MqttPeer>(g_broker->host(), g_broker->port());
-    test::MqttPeer* raw = echo.get();
-    echo->set_handler([raw, response](const test::MqttPeer::Received& received) {
-        raw->publish(response, received.payload, received.qos);
-    });
-    echo->subscribe(request, 1);
-    return echo;
-}
-
-void report_latencies(benchmark::State& state, std::vector<double>& micros) {
-    if (micros.empty()) {
-        return;
-    }
-    std::sort(micros.begin(), micros.end());
-    state.counters["p50_us"] = micros[micros.size() / 2];
-    state.counters["p99_us"] = micros[micros.size() * 99 / 100];
-}
-
 const std::string kPayload(64, 'x');
 
 void BM_RoundTrip_Bare(benchmark::State& state) {
-    const int qos = static_cast<int>(state.range(0));
-    auto echo = make_echo("bench/bare/req", "bench/bare/resp");
-    Arrivals arrivals;
-    BareClient client(arrivals);
-    client.subscribe_and_wait("bench/bare/resp", qos);
-    std::vector<double> micros;
-    for (auto _ : state) {
-        const uint64_t target = arrivals.now() + 1;
-        const auto start = Clock::now();
-        client.publish(nullptr, "bench/bare/req", static_cast<int>(kPayload.size()),
-                       kPayload.data(), qos, false);
-        if (!arrivals.wait_for(target)) {
-            state.SkipWithError("no answer");
-            break;
-        }
-        micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
-    }
-    report_latencies(state, micros);
+    bare_round_trip(state, *g_broker, static_cast<int>(state.range(0)), kPayload);
 }
 
 void BM_RoundTrip_MqttClient(benchmark::State& state) {
     const auto qos = static_cast<uint8_t>(state.range(0));
-    auto echo = make_echo("bench/lib/req", "bench/lib/resp");
+    auto echo = make_echo(*g_broker, "bench/lib/req", "bench/lib/resp");
     Arrivals arrivals;
     auto client = make_client("bench-rt");
     client->subscribe("bench/lib/resp", qos, std::make_shared<CountingObserver>(arrivals));
@@ -189,10 +91,10 @@ constexpr int kBatch = 1000;
 // The sink counts with bare libmosquittopp, the same for both publishers.
 void BM_Publish64_Bare(benchmark::State& state) {
     Arrivals received;
-    BareClient sink(received);
+    BareClient sink(received, *g_broker);
     sink.subscribe_and_wait("bench/bare/flood", 0);
     Arrivals unused;
-    BareClient client(unused);
+    BareClient client(unused, *g_broker);
     for (auto _ : state) {
         const uint64_t target = received.now() + kBatch;
         for (int i = 0; i < kBatch; ++i) {
@@ -209,7 +111,7 @@ void BM_Publish64_Bare(benchmark::State& state) {
 
 void BM_Publish64_MqttClient(benchmark::State& state) {
     Arrivals received;
-    BareClient sink(received);
+    BareClient sink(received, *g_broker);
     sink.subscribe_and_wait("bench/lib/flood", 0);
     auto client = make_client("bench-pub");
     const com::Message message(kPayload.data(), kPayload.size());
@@ -240,7 +142,7 @@ std::vector<std::string> dispatch_topics(const char* who, int count) {
 // Sends batches spread over all topics from a bare publisher and waits for all of them.
 void flood(benchmark::State& state, const std::vector<std::string>& topics, Arrivals& received) {
     Arrivals unused;
-    BareClient source(unused);
+    BareClient source(unused, *g_broker);
     for (auto _ : state) {
         const uint64_t target = received.now() + kBatch;
         for (int i = 0; i < kBatch; ++i) {
@@ -261,7 +163,7 @@ void flood(benchmark::State& state, const std::vector<std::string>& topics, Arri
 void BM_Dispatch_Bare(benchmark::State& state) {
     const auto topics = dispatch_topics("bare", static_cast<int>(state.range(0)));
     Arrivals received;
-    BareClient client(received);
+    BareClient client(received, *g_broker);
     for (const auto& topic : topics) {
         client.subscribe_and_wait(topic, 0);
     }

@@ -52,6 +52,7 @@
 #include "ecu/tavi/logging/logging.h"
 #include "sync_call.h"
 #include "tavi_assert.h"
+#include "topics.h"
 
 namespace ecu::tavi::com {
 
@@ -61,7 +62,6 @@ using namespace ecu::tavi::logging;
 
 const auto s_log = logging::module("tavi.com.mqttclient");
 
-const char* const kAnnouncementTopic = "subscription/announcement";
 const char* const kIpcdStatusTopic = "system/ipc/subscriptions";
 
 // libmosquitto's key password callback carries no context, so the pass phrase is one value
@@ -800,7 +800,7 @@ void MqttClient::announce_rt_topic(const std::string& topic, MosqSubscription& s
         return;  // the adapter has logged why
     }
     // QoS 0 as built: an announcement lost with the connection is sent again on reconnect.
-    publish(kAnnouncementTopic, framed.value());
+    publish(_internal::kAnnouncementTopic, framed.value());
 }
 
 std::pair<bool, bool> MqttClient::is_all_subscribed_and_announced() {

@@ -10,6 +10,7 @@
 // the transport while holding its own mutex: subscribe first, then lock.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -61,6 +62,18 @@ SyncStatus publish_and_wait(ITransportClient& transport,
     // The predicate form also absorbs spurious wake-ups; the deadline is read from the
     // steady clock, so wall-clock jumps do not shorten or stretch the wait.
     return cv.wait_until(lock, deadline, answered) ? SyncStatus::ANSWERED : SyncStatus::TIMED_OUT;
+}
+
+// Fixed pauses of the protocols (seconds long, such as the PGN daemon's busy retry) go
+// through here, so that the project's own tests can shorten them. Applications never change
+// the percentage: it is not part of the installed headers.
+inline std::atomic<unsigned>& fixed_pause_percent() {
+    static std::atomic<unsigned> percent{100};
+    return percent;
+}
+
+inline std::chrono::milliseconds fixed_pause(std::chrono::milliseconds nominal) {
+    return nominal * fixed_pause_percent().load(std::memory_order_relaxed) / 100;
 }
 
 }  // namespace ecu::tavi::com::_internal

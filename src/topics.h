@@ -6,6 +6,9 @@
 
 namespace ecu::tavi::com::_internal {
 
+// Where subscribers of real-time ("rt/") topics announce them to the IPC daemon.
+constexpr const char* kAnnouncementTopic = "subscription/announcement";
+
 inline std::string app_topic(const std::string& client_name, const char* suffix) {
     return "app/" + client_name + suffix;
 }

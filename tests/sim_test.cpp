@@ -138,6 +138,11 @@ TEST_F(SimTest, DelayedIpcdHoldsBackTheConfirmation) {
 class SimDemoTest : public SimTest {
 protected:
     test::ProcessRun run_demo() {
+        // The answer the demo reads the VIN from, as the sample unit holds it.
+        EXPECT_TRUE(
+            m_kit.simulator()
+                .set_unit_value("uds.answer.17.22f190", "62f190574442393633343033314c393837363534")
+                .has_value());
         const std::string conf = ::testing::TempDir() + "demo.conf";
         {
             std::ofstream out(conf);
@@ -152,11 +157,12 @@ protected:
 TEST_F(SimDemoTest, PassesEveryStepAgainstTheSimulator) {
     const auto demo = run_demo();
     EXPECT_EQ(demo.exit_code, 0) << demo.output;
-    for (const char* step : {"connect", "readiness with IPCd", "log control: query",
-                             "log control: change", "real-time round trip"}) {
+    for (const char* step :
+         {"connect", "readiness with IPCd", "log control: query", "log control: change",
+          "real-time round trip", "UDS: read VIN", "PGN token", "maintenance request"}) {
         EXPECT_THAT(demo.output, HasSubstr(std::string("  OK    ") + step));
     }
-    EXPECT_THAT(demo.output, HasSubstr("demo: 5 of 5 steps OK"));
+    EXPECT_THAT(demo.output, HasSubstr("demo: 10 of 10 steps OK"));
 }
 
 TEST_F(SimDemoTest, FailsWithExitCodeOneWhenIpcdDoesNotAnswer) {
@@ -165,7 +171,8 @@ TEST_F(SimDemoTest, FailsWithExitCodeOneWhenIpcdDoesNotAnswer) {
     EXPECT_EQ(demo.exit_code, 1) << demo.output;
     EXPECT_THAT(demo.output, HasSubstr("  FAIL  readiness with IPCd"));
     EXPECT_THAT(demo.output, HasSubstr("  SKIP  real-time round trip"));
-    EXPECT_THAT(demo.output, HasSubstr("demo: 1 of 5 steps OK"));
+    EXPECT_THAT(demo.output, HasSubstr("  SKIP  UDS: read VIN"));
+    EXPECT_THAT(demo.output, HasSubstr("demo: 1 of 10 steps OK"));
 }
 #endif
 

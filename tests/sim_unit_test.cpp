@@ -75,7 +75,7 @@ TEST(SimUnit, CheckNamesUnknownKeysAndBadValuesWithTheirOrigin) {
         "ipcd.refused_topics = rt/a, system/x\n"
         "wifi.ssid = car\n"            // no such section
         "hostname = x\n"               // no section at all
-        "uds.answer.17.1003 = 5003\n"  // reserved for a daemon still to come
+        "uds.answer.17.1003 = 5003\n"  // the UDS daemon's answer table
         "pgn.busy_answers = 2\n");
     auto errors = simulator.check(*unit);
     ASSERT_EQ(errors.size(), 4u) << ::testing::PrintToString(errors);

@@ -22,12 +22,17 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "ecu/tavi/com/client.h"
 #include "ecu/tavi/com/message.h"
 #include "ecu/tavi/com/messageadapter.h"
 #include "ecu/tavi/com/protocol_types.h"
 #include "ecu/tavi/config/configuration.h"
+#include "ecu/tavi/diag/maintreq_client.h"
+#include "ecu/tavi/diag/pgn_client.h"
+#include "ecu/tavi/diag/uds_client.h"
 #include "ecu/tavi/logging/logging.h"
 #include "ecu/tavi/pb/logconfig.pb.h"
 #include "ecu/tavi/rt/signaladapter.h"
@@ -214,6 +219,52 @@ Outcome rt_round_trip(com::ITransportClient& transport, Inbox& inbox,
     return {true, detail};
 }
 
+// Diagnostics: the interface every unit has on CAN 1, the VIN read through it, and the bus
+// token and maintenance exchange of the service-interval display.
+const diag::UdsInterfaceAllocationConfig kUdsCan1{1, 1, 0};
+constexpr unsigned kDiagTimeoutMs = 5000;
+
+Outcome read_vin(diag::UdsClient& uds) {
+    // ReadDataByIdentifier F190 to the engine ECU; the answer repeats 62 F1 90 before the VIN.
+    const auto answer = uds.send_request({0x17, {0x22, 0xf1, 0x90}}, kDiagTimeoutMs, 0xFF, 255);
+    if (!answer) {
+        return {false, "request failed with code " + std::to_string(answer.error())};
+    }
+    const auto& data = answer.value().data;
+    if (data.size() < 3 || data[0] != 0x62) {
+        return {false, "negative or short answer (" + std::to_string(data.size()) + " bytes)"};
+    }
+    return {true, "VIN " + std::string(data.begin() + 3, data.end())};
+}
+
+Outcome take_pgn_token(diag::PgnRequestClient& pgn) {
+    const auto token = pgn.get_request_token("65226", std::chrono::seconds(5));
+    if (!token) {
+        return {false, diag::PgnRequestClient::error_str(token.error())};
+    }
+    pgn.release_token("65226");
+    return {true, "token for PGN 65226 taken and released"};
+}
+
+Outcome maintenance_request(diag::MaintenanceRequestClient& maint,
+                            const std::string& support_library) {
+    if (::access(support_library.c_str(), R_OK) != 0) {
+        return {false, "cannot read the real-time support library '" + support_library + "'"};
+    }
+    diag::MaintenanceRequestClient::Request request;
+    request.cid = 1;
+    request.abfragetyp = 2;
+    const auto answer = maint.request(request, kDiagTimeoutMs);
+    if (!answer) {
+        return {false, answer.error()};
+    }
+    const auto& response = answer.value();
+    return {true, "cid " + std::to_string(response.cid) + ", service information " +
+                      std::to_string(response.wartungsinformation) + ", status " +
+                      std::to_string(response.statusdaten) + ", " +
+                      std::to_string(response.weiteretermine) + " further dates"};
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -257,6 +308,10 @@ int main(int argc, char** argv) {
     auto inbox = std::make_shared<Inbox>();
     transport->subscribe(kRtTopic, 0, inbox);
     transport->subscribe("app/" + client + "/log/config", 1, inbox);
+    // The diagnostics clients subscribe now, so that start() sends their subscriptions too.
+    auto uds = diag::create_uds_client(transport, nullptr);
+    auto pgn = diag::create_pgn_request_client(transport);
+    auto maint = diag::create_main_req_client(transport);
 
     Report report;
     const bool connected = report.run("connect", [&]() -> Outcome {
@@ -291,6 +346,37 @@ int main(int argc, char** argv) {
         for (const char* step :
              {"log control: query", "log control: change", "real-time round trip"}) {
             report.skip(step, "not ready");
+        }
+    }
+    const std::vector<std::pair<const char*, std::function<Outcome()>>> diag_steps = {
+        {"UDS: allocate",
+         [&]() -> Outcome {
+             if (!uds) {
+                 return {false, "no UDS client on this partition"};
+             }
+             const auto state = uds->allocate_interface(kUdsCan1, kDiagTimeoutMs);
+             return {state == diag::UDS_INTERFACE_ALLOCATED,
+                     "CAN 1 interface, state " + std::to_string(state)};
+         }},
+        {"UDS: read VIN",
+         [&] {
+             return uds ? read_vin(*uds) : Outcome{false, "no UDS client"};
+         }},
+        {"UDS: release",
+         [&] {
+             return Outcome{uds && uds->release_interface(kDiagTimeoutMs), "interface given back"};
+         }},
+        {"PGN token",
+         [&] {
+             return pgn ? take_pgn_token(*pgn) : Outcome{false, "no PGN client"};
+         }},
+        {"maintenance request", [&] { return maintenance_request(*maint, support_library); }},
+    };
+    for (const auto& [name, step] : diag_steps) {
+        if (ready) {
+            report.run(name, step);
+        } else {
+            report.skip(name, "not ready");
         }
     }
     transport->stop();

@@ -86,6 +86,20 @@ void Daemon::send(const std::string& topic, const com::Message& message) {
     m_delay_cv.notify_all();
 }
 
+void Daemon::subscribe(const std::string& filter, unsigned char qos, Handler handler) {
+    class Forward : public com::ISubscriptionObserver {
+    public:
+        explicit Forward(Handler handler) : m_handler(std::move(handler)) {}
+        void message(const std::string& topic, const com::Message& message) override {
+            m_handler(topic, message);
+        }
+
+    private:
+        Handler m_handler;
+    };
+    m_transport->subscribe(filter, qos, std::make_shared<Forward>(std::move(handler)));
+}
+
 void Daemon::run_delayed() {
     std::unique_lock<std::mutex> lock(m_delay_mutex);
     while (!m_delay_stop) {

@@ -75,6 +75,9 @@ protected:
     const SimulatorOptions& options() const { return *m_options; }
     // Publishes on the daemon's connection, honouring delay and silence.
     void send(const std::string& topic, const com::Message& message);
+    using Handler = std::function<void(const std::string& topic, const com::Message& message)>;
+    // Subscribes a handler to a topic filter; it runs on the daemon's network thread.
+    void subscribe(const std::string& filter, unsigned char qos, Handler handler);
 
 private:
     friend class Simulator;

@@ -1,0 +1,85 @@
+// The UDS client's synchronous request/response round trip against the simulator's UDS
+// daemon, side by side with the bare libmosquittopp round trip through the same broker in
+// the same run (QoS 1 both, as the UDS traffic).
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "bare_mqtt.h"
+#include "ecu/tavi/com/client.h"
+#include "ecu/tavi/diag/uds_client.h"
+#include "ecu/tavi/logging/logging.h"
+#include "ecu/tavi/sim/testkit.h"
+
+namespace {
+
+using namespace ecu::tavi;
+using Clock = std::chrono::steady_clock;
+
+sim::TestKit* g_kit = nullptr;
+
+// About the size of a framed UDS request.
+const std::string kPayload(64, 'x');
+
+// ReadDataByIdentifier of the VIN, answered from the unit's table; each iteration makes one
+// bare exchange and one UDS request in turn, so that both meet the same load. Reports
+// bare_p50_us, uds_p50_us (and p99) and their ratio.
+void BM_RoundTrip_UdsRequestVsBare(benchmark::State& state) {
+    bench::BareRoundTrip bare(g_kit->broker(), 1, kPayload);
+    auto configuration = g_kit->client_configuration("bench-uds");
+    auto transport = com::create_client(configuration, com::MQTT);
+    auto uds = diag::create_uds_client(transport, nullptr);
+    transport->connect();
+    transport->start();
+    transport->wait_ready(std::chrono::seconds(10));
+    if (uds->allocate_interface({1, 1, 0}, 5000) != diag::UDS_INTERFACE_ALLOCATED) {
+        state.SkipWithError("no interface");
+        transport->stop();
+        return;
+    }
+    const diag::UdsMessage vin{0x17, {0x22, 0xf1, 0x90}};
+    std::vector<double> bare_micros;
+    std::vector<double> uds_micros;
+    for (auto _ : state) {
+        const double took = bare.once();
+        const auto start = Clock::now();
+        const bool answered = uds->send_request(vin, 5000, 0xFF, 255).has_value();
+        if (took < 0 || !answered) {
+            state.SkipWithError("no answer");
+            break;
+        }
+        uds_micros.push_back(
+            std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+        bare_micros.push_back(took);
+    }
+    bench::report_latencies(state, bare_micros, "bare_");
+    bench::report_latencies(state, uds_micros, "uds_");
+    if (!bare_micros.empty()) {
+        state.counters["ratio_p50"] = state.counters["uds_p50_us"] / state.counters["bare_p50_us"];
+    }
+    uds->release_interface(5000);
+    uds.reset();
+    transport->stop();
+}
+
+BENCHMARK(BM_RoundTrip_UdsRequestVsBare)->UseRealTime()->MinTime(2.0);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    logging::set_log_level(3);  // errors only: client and daemon log every exchange
+    mosqpp::lib_init();
+    sim::TestKit kit({"uds.answer.17.22f190 = 62f190574442393633343033314c393837363534\n", ""});
+    if (!kit.start()) {
+        std::fprintf(stderr, "cannot start the simulator: %s\n", kit.error().c_str());
+        return 1;
+    }
+    g_kit = &kit;
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -1,0 +1,168 @@
+// Helpers for tests of feature clients: an application's transport on the test broker, an
+// observer that runs a call on the network thread, and a scripted platform daemon.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ecu/tavi/com/client.h"
+#include "ecu/tavi/com/message.h"
+#include "ecu/tavi/com/messageadapter.h"
+#include "ecu/tavi/config/configuration.h"
+#include "ecu/tavi/logging/logging.h"
+#include "support/broker.h"
+#include "support/capture.h"
+#include "support/mqtt_peer.h"
+
+namespace ecu::tavi::test {
+
+// An application's transport on the broker, not connected yet, so that clients made on it
+// subscribe before start().
+inline std::shared_ptr<com::ITransportClient> app_transport(const Broker& broker,
+                                                            const std::string& name) {
+    std::istringstream text(broker.client_config(name));
+    auto config = config::Configuration::create_from_input(text);
+    config->verify();
+    return com::create_mqtt_client(config);
+}
+
+// Connects, starts and waits until every subscription is acknowledged.
+inline bool start_app(com::ITransportClient& transport) {
+    if (!transport.connect()) {
+        return false;
+    }
+    transport.start();
+    return transport.wait_ready(std::chrono::seconds(10));
+}
+
+// Runs a call on the transport's network thread for every message, as an application's
+// observer would.
+class CallInside : public com::ISubscriptionObserver {
+public:
+    explicit CallInside(std::function<void()> call) : m_call(std::move(call)) {}
+    void message(const std::string&, const com::Message&) override { m_call(); }
+
+private:
+    std::function<void()> m_call;
+};
+
+// Decodes every framed request of type Req arriving on a topic filter, keeps it, and
+// publishes the replies its script returns for it. The script runs on the peer's network
+// thread and may be replaced at any time.
+template <typename Req>
+class ScriptedDaemon {
+public:
+    struct Reply {
+        std::string topic;
+        com::Message message;
+    };
+    using Script = std::function<std::vector<Reply>(const std::string& topic, const Req&)>;
+
+    ScriptedDaemon(const Broker& broker, const std::string& filter, std::uint32_t protocol)
+        : m_adapter(protocol), m_peer(broker.host(), broker.port()) {
+        m_peer.set_handler([this](const MqttPeer::Received& received) { handle(received); });
+        m_peer.subscribe(filter, 1);
+    }
+
+    void set_script(Script script) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_script = std::move(script);
+    }
+    // Requests received so far, decoded, with their topics.
+    std::vector<std::pair<std::string, Req>> requests() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_requests;
+    }
+    bool wait_requests(size_t count) {
+        return wait_until([&] { return requests().size() >= count; });
+    }
+    // Frames a reply with the daemon's protocol type.
+    template <typename Body>
+    Reply reply(const std::string& topic, const Body& body) const {
+        auto framed =
+            com::PbInternalMessageAdapter<Body>(m_adapter.protocol_type()).serialize(body);
+        return {topic, framed.value()};
+    }
+    MqttPeer& peer() { return m_peer; }
+
+private:
+    void handle(const MqttPeer::Received& received) {
+        auto request =
+            m_adapter.deserialize(com::Message(received.payload.data(), received.payload.size()));
+        if (!request) {
+            return;
+        }
+        Script script;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_requests.emplace_back(received.topic, request.value());
+            script = m_script;
+        }
+        if (!script) {
+            return;
+        }
+        for (const auto& reply : script(received.topic, request.value())) {
+            m_peer.publish(reply.topic, reply.message.get_data(), 1);
+        }
+    }
+
+    com::PbInternalMessageAdapter<Req> m_adapter;
+    std::mutex m_mutex;
+    Script m_script;
+    std::vector<std::pair<std::string, Req>> m_requests;
+    // Last, so that its thread has ended before the rest goes.
+    MqttPeer m_peer;
+};
+
+// Fixture of a feature client's tests: the broker, log lines (every level) captured from
+// standard output, the scripted daemon the client talks to, and the application's
+// transport. A derived fixture creates its client in make_client(), before the transport
+// starts, and lets it go in drop_client(), before the transport stops.
+template <typename Req>
+class ClientTest : public ::testing::Test {
+protected:
+    ClientTest(std::string app, std::string filter, std::uint32_t protocol)
+        : m_app(std::move(app)), m_filter(std::move(filter)), m_protocol(protocol) {}
+
+    virtual void make_client() = 0;
+    virtual void drop_client() = 0;
+
+    void SetUp() override {
+        if (!Broker::available()) {
+            GTEST_SKIP() << "mosquitto is not installed";
+        }
+        ASSERT_TRUE(m_broker.start());
+        logging::set_log_mode(logging::STDOUT);
+        logging::set_log_level(7);
+        m_capture = std::make_unique<StdoutCapture>();
+        m_daemon = std::make_unique<ScriptedDaemon<Req>>(m_broker, m_filter, m_protocol);
+        m_transport = app_transport(m_broker, m_app);
+        make_client();
+        ASSERT_TRUE(start_app(*m_transport));
+    }
+    void TearDown() override {
+        drop_client();
+        if (m_transport) {
+            m_transport->stop();
+        }
+    }
+    std::string log() { return m_capture->text(); }
+
+    std::string m_app;
+    std::string m_filter;
+    std::uint32_t m_protocol;
+    Broker m_broker;
+    std::unique_ptr<StdoutCapture> m_capture;
+    std::unique_ptr<ScriptedDaemon<Req>> m_daemon;
+    std::shared_ptr<com::ITransportClient> m_transport;
+};
+
+}  // namespace ecu::tavi::test

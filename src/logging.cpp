@@ -300,7 +300,18 @@ public:
 
     static void clear() {
         std::lock_guard<std::mutex> lock(g_tree_mutex);
-        root()->m_children.clear();
+        // Children keep their parents alive, so every map on the way down is emptied: a
+        // dropped branch must not keep itself alive through its own links. Modules that
+        // someone holds stay valid; the others go.
+        std::vector<std::shared_ptr<LogModule>> pending{root()};
+        while (!pending.empty()) {
+            const auto current = std::move(pending.back());
+            pending.pop_back();
+            for (auto& [name, child] : current->m_children) {
+                pending.push_back(std::move(child));
+            }
+            current->m_children.clear();
+        }
         g_module_count = 1;
     }
 };

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <sstream>
 #include <thread>
@@ -271,21 +272,30 @@ TEST_F(LoggingTest, TreeIsBoundedInDepthAndSize) {
 }
 
 // Modules are looked up and created by name from many threads while a remote-control-style
-// thread switches and walks the tree, and others log through the modules they hold.
+// thread switches and walks the tree, and another logs through the module it holds. All
+// start together, so that their accesses overlap.
 TEST_F(LoggingTest, ModuleTreeIsSafeUnderConcurrentUse) {
     set_log_level(7);
     const auto held = module("app.held");
+    std::atomic<int> started{0};
+    const auto together = [&started] {
+        for (++started; started < 5;) {
+            std::this_thread::yield();
+        }
+    };
     std::vector<std::thread> threads;
     for (int t = 0; t < 3; ++t) {
-        threads.emplace_back([t] {
-            for (int i = 0; i < 200; ++i) {
-                const auto m = module("app.t" + std::to_string(t) + "." + std::to_string(i % 40));
+        threads.emplace_back([t, &together] {
+            together();
+            for (int i = 0; i < 2000; ++i) {
+                const auto m = module("app.t" + std::to_string(t) + "." + std::to_string(i % 200));
                 EXPECT_EQ(m->parent()->parent(), module("app"));
             }
         });
     }
-    threads.emplace_back([] {
-        for (int i = 0; i < 100; ++i) {
+    threads.emplace_back([&together] {
+        together();
+        for (int i = 0; i < 300; ++i) {
             enable("app", true);
             disable("app." + std::to_string(i % 7), true);
             size_t count = 0;
@@ -295,8 +305,9 @@ TEST_F(LoggingTest, ModuleTreeIsSafeUnderConcurrentUse) {
             EXPECT_GT(count, 0u);
         }
     });
-    threads.emplace_back([&held] {
+    threads.emplace_back([&held, &together] {
         test::StdoutCapture out;
+        together();
         for (int i = 0; i < 2000; ++i) {
             INFO << held << "held";
             INFO.do_flush();
@@ -305,7 +316,7 @@ TEST_F(LoggingTest, ModuleTreeIsSafeUnderConcurrentUse) {
     for (auto& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(module("app.t2.39")->name(), "app.t2.39");
+    EXPECT_EQ(module("app.t2.199")->name(), "app.t2.199");
 }
 
 }  // namespace

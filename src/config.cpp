@@ -93,7 +93,11 @@ bool Configuration::verify() {
 const Configuration::Value& Configuration::get(const Key& key) {
     TAVI_ASSERT_IN(m_is_verified == true, "Configuration could not be verified!",
                    "const Value& ecu::tavi::config::Configuration::get(const Key&)");
-    return m_values[key];
+    // Read-only, so any number of threads may read at once: an absent key is not inserted
+    // but answered with the one shared empty value.
+    static const Value s_empty;
+    const auto found = m_values.find(key);
+    return found != m_values.end() ? found->second : s_empty;
 }
 
 }  // namespace ecu::tavi::config

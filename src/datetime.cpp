@@ -134,7 +134,7 @@ Uuid read_boot_id(const std::string& path) {
         id = Uuid{};
         return id;
     }
-    INFO << s_log << "Got boot_id = " << id.to_string();
+    INFO << s_log << "Got boot_id = " << text;
     INFO.do_flush();
     return id;
 }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "ecu/tavi/config/configuration.h"
 
@@ -29,9 +30,12 @@ LogMode log_mode() {
     return g_log_mode.load(std::memory_order_relaxed);
 }
 
-// Constant-initialised, so units that create their module during start-up may do so
-// before this unit's own initialisers have run.
-std::shared_ptr<LogModule> g_root;
+// Guards every children map of the module tree and the module count. Taken to look a
+// module up by name, to create one and to walk the tree; never on the way of a line.
+// Constant-initialised, like everything the tree needs, so that units creating their
+// module during start-up may do so before this unit's own initialisers have run.
+std::mutex g_tree_mutex;
+size_t g_module_count = 1;  // the root
 
 // The single output core of both front ends.
 void vlog(int level, const char* format, va_list args) {
@@ -88,20 +92,28 @@ std::vector<std::string> split(const std::string& text, char separator) {
 
 }  // namespace
 
-LogModule::LogModule(bool enabled, std::string name, std::shared_ptr<LogModule> parent)
-    : m_enabled(enabled), m_name(std::move(name)), m_parent(std::move(parent)) {}
+namespace {
+// The root's name never appears in front of a module's full name.
+std::string full_name(const std::string& name, const std::shared_ptr<LogModule>& parent) {
+    return parent && parent->parent() ? parent->name() + "." + name : name;
+}
+}  // namespace
 
-std::string LogModule::name() const {
-    if (m_parent && m_parent->m_parent) {
-        return m_parent->name() + "." + m_name;
-    }
-    return m_name;
+LogModule::LogModule(bool enabled, std::string name, std::shared_ptr<LogModule> parent)
+    : m_enabled(enabled),
+      m_name(std::move(name)),
+      m_parent(std::move(parent)),
+      m_full_name(full_name(m_name, m_parent)) {}
+
+std::map<std::string, std::shared_ptr<LogModule>> LogModule::children() const {
+    std::lock_guard<std::mutex> lock(g_tree_mutex);
+    return m_children;
 }
 
 void LogModule::change(bool enabled, bool recursive) {
     m_enabled.store(enabled, std::memory_order_relaxed);
     if (recursive) {
-        for (auto& [name, child] : m_children) {
+        for (auto& [name, child] : children()) {
             child->change(enabled, true);
         }
     }
@@ -213,39 +225,102 @@ void set_from_config(std::unique_ptr<config::Configuration> const& configuration
 }
 
 namespace {
-// The root is created on first use, enabled; it is never replaced, only emptied.
+// Created on first use, enabled, and never destroyed: lines written by destructors of
+// other units at exit still find it. It is never replaced, only emptied.
 const std::shared_ptr<LogModule>& root() {
-    if (!g_root) {
-        g_root = std::make_shared<LogModule>(false, "root", nullptr);
-        g_root->change(true, false);
+    static const auto* const s_root = [] {
+        auto* created =
+            new std::shared_ptr<LogModule>(std::make_shared<LogModule>(false, "root", nullptr));
+        (*created)->change(true, false);
+        return created;
+    }();
+    return *s_root;
+}
+
+std::string joined(std::vector<std::string> const& segments) {
+    std::string text;
+    for (size_t i = 0; i < segments.size(); ++i) {
+        text += (i > 0 ? "." : "") + segments[i];
     }
-    return g_root;
+    return text;
 }
 }  // namespace
 
-std::shared_ptr<LogModule> module(std::vector<std::string> const& segments) {
-    if (segments.size() == 1 && segments[0] == "root") {
-        return root();
-    }
-    std::shared_ptr<LogModule> current = root();
-    for (const auto& segment : segments) {
-        auto& children = current->children();
-        auto found = children.find(segment);
-        if (found != children.end()) {
-            current = found->second;
-            continue;
-        }
-        auto [inserted, ok] =
-            children.emplace(segment, std::make_shared<LogModule>(false, segment, current));
-        if (!ok) {
-            ERROR << "Unable to insert new log module: " << segment
-                  << " use 'root' module instead.";
-            ERROR.do_flush();
+namespace _internal {
+
+// The only code that touches the children maps, always under g_tree_mutex.
+class ModuleTree {
+public:
+    // Empty, with an ERROR line, when the path is refused.
+    static std::shared_ptr<LogModule> find_or_create(std::vector<std::string> const& segments) {
+        if (segments.size() == 1 && segments[0] == "root") {
             return root();
         }
-        current = inserted->second;
+        if (segments.size() > c_max_module_depth) {
+            ERROR << "Log module name of " << segments.size()
+                  << " segments refused: names are limited to " << c_max_module_depth
+                  << " segments";
+            ERROR.do_flush();
+            return nullptr;
+        }
+        std::unique_lock<std::mutex> lock(g_tree_mutex);
+        std::shared_ptr<LogModule> current = root();
+        size_t depth = 0;
+        for (; depth < segments.size(); ++depth) {
+            const auto found = current->m_children.find(segments[depth]);
+            if (found == current->m_children.end()) {
+                break;
+            }
+            current = found->second;
+        }
+        // All or nothing: a refused path leaves no partial branch behind.
+        if (g_module_count + (segments.size() - depth) > c_max_modules) {
+            lock.unlock();
+            ERROR << "Log module '" << joined(segments) << "' refused: the tree is limited to "
+                  << c_max_modules << " modules";
+            ERROR.do_flush();
+            return nullptr;
+        }
+        for (; depth < segments.size(); ++depth) {
+            const std::string& segment = segments[depth];
+            auto [inserted, ok] = current->m_children.emplace(
+                segment, std::make_shared<LogModule>(false, segment, current));
+            if (!ok) {
+                lock.unlock();
+                ERROR << "Unable to insert new log module: " << segment
+                      << " use 'root' module instead.";
+                ERROR.do_flush();
+                return root();
+            }
+            ++g_module_count;
+            current = inserted->second;
+        }
+        return current;
     }
-    return current;
+
+    static void clear() {
+        std::lock_guard<std::mutex> lock(g_tree_mutex);
+        // Children keep their parents alive, so every map on the way down is emptied: a
+        // dropped branch must not keep itself alive through its own links. Modules that
+        // someone holds stay valid; the others go.
+        std::vector<std::shared_ptr<LogModule>> pending{root()};
+        while (!pending.empty()) {
+            const auto current = std::move(pending.back());
+            pending.pop_back();
+            for (auto& [name, child] : current->m_children) {
+                pending.push_back(std::move(child));
+            }
+            current->m_children.clear();
+        }
+        g_module_count = 1;
+    }
+};
+
+}  // namespace _internal
+
+std::shared_ptr<LogModule> module(std::vector<std::string> const& segments) {
+    auto found = _internal::ModuleTree::find_or_create(segments);
+    return found ? found : root();
 }
 
 std::shared_ptr<LogModule> module(std::string const& path) {
@@ -253,13 +328,13 @@ std::shared_ptr<LogModule> module(std::string const& path) {
 }
 
 bool enable(std::string const& path, bool recursive) {
-    module(path)->change(true, recursive);
-    return true;
+    auto found = _internal::ModuleTree::find_or_create(split(path, '.'));
+    return enable(found, recursive);
 }
 
 bool disable(std::string const& path, bool recursive) {
-    module(path)->change(false, recursive);
-    return true;
+    auto found = _internal::ModuleTree::find_or_create(split(path, '.'));
+    return disable(found, recursive);
 }
 
 bool enable(std::shared_ptr<LogModule>& module, bool recursive) {
@@ -312,7 +387,7 @@ TAVI_DEFINE_PRINTF(debug, 7)
 namespace _internal {
 
 void reset_modules() {
-    root()->children().clear();
+    ModuleTree::clear();
     root()->change(false, true);
 }
 
@@ -395,8 +470,12 @@ LogStream::LogStream(LogLevel level) : std::ostream(nullptr), m_buf(level) {
 
 void LogStream::do_flush() {
     // A suppressed line buffered nothing: skip the stream machinery entirely, which keeps
-    // disabled DEBUG lines nearly free.
+    // disabled DEBUG lines nearly free. The line still ends here: an attribution made
+    // while the level was higher must not carry over to the thread's next line.
     if (m_buf.level() > 4 && m_buf.level() > log_level() && t_line.buffer.empty()) {
+        if (t_line.active_module != root()) {
+            t_line.active_module = root();
+        }
         return;
     }
     // Console lines end in exactly one newline; a flush with nothing buffered writes nothing.
@@ -406,21 +485,20 @@ void LogStream::do_flush() {
     flush();
 }
 
-}  // namespace _internal
-
-_internal::LogStream& operator<<(_internal::LogStream& stream,
-                                 std::shared_ptr<LogModule> const& module) {
+LogStream& operator<<(LogStream& stream, std::shared_ptr<LogModule> const& module) {
     const int level = stream.streambuf().level();
-    if (level > 4 && level > _internal::log_level()) {
+    if (level > 4 && level > log_level()) {
         return stream;
     }
     if (!module) {  // an empty pointer leaves the line attributed as it was
         return stream;
     }
-    _internal::LogStreambuf::get_active_module() = module;
+    LogStreambuf::get_active_module() = module;
     stream << "[" << module->name() << "] ";
     return stream;
 }
+
+}  // namespace _internal
 
 _internal::LogStream EMERG(0);
 _internal::LogStream ALERT(1);

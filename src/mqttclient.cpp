@@ -320,6 +320,9 @@ bool MqttClient::do_connect() {
         return true;
     }
 
+    // The connection error texts put ": " between the broker's host:port and libmosquitto's
+    // reason ("... at 127.0.0.1:1883: Connection refused"). Kept on purpose: glued
+    // together, the port number and the reason would read as one word.
     int rc = m_mosq->opts_set(MOSQ_OPT_PROTOCOL_VERSION, &m_protocol_version);
     if (rc != MOSQ_ERR_SUCCESS) {
         ERROR << s_log << "Failed to set MQTT version for MQTT broker at " << broker() << ": "
@@ -331,8 +334,9 @@ bool MqttClient::do_connect() {
           << " for MQTT broker at " << broker();
     DEBUG.do_flush();
 
-    // An empty user name means no login at all.
-    rc = m_mosq->username_pw_set(or_null(m_username), or_null(m_password));
+    // The user name goes as given, also empty: libmosquitto refuses a password without
+    // one. Only an empty password means none.
+    rc = m_mosq->username_pw_set(m_username.c_str(), or_null(m_password));
     if (rc != MOSQ_ERR_SUCCESS) {
         ERROR << s_log << "Unable to set login user and password for MQTT broker at " << broker()
               << ": " << mosqpp::strerror(rc);
@@ -380,6 +384,9 @@ bool MqttClient::setup_tls() {
     if (!m_tls_enabled) {
         return true;
     }
+    // A CA file (or path) alone is a complete set-up: the client authenticates the broker
+    // and connects without a certificate of its own, which is what brokers with
+    // server-only TLS expect. A client certificate and key are added when configured.
     int rc = m_mosq->tls_set(or_null(m_tls_cafile), or_null(m_tls_capath), or_null(m_tls_certfile),
                              or_null(m_tls_keyfile), &key_password_callback);
     if (rc != MOSQ_ERR_SUCCESS) {
@@ -846,8 +853,15 @@ bool MqttClient::wait_ready(std::chrono::seconds timeout) {
     if (!m_started) {
         return false;
     }
-    if (_internal::refuse_on_network_thread(*this, s_log, "wait_ready")) {
-        return false;
+    if (is_network_thread()) {
+        // Inside an observer: a ready client has nothing to wait for, so only a wait that
+        // would block the thread delivering what it waits for is refused.
+        if (!is_ready()) {
+            _internal::refuse_on_network_thread(*this, s_log, "wait_ready");
+            return false;
+        }
+        drop_ipcd_observer();
+        return true;
     }
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     {
@@ -898,6 +912,11 @@ bool MqttClient::wait_ready(std::chrono::seconds timeout) {
             return false;
         }
     }
+    drop_ipcd_observer();
+    return true;
+}
+
+void MqttClient::drop_ipcd_observer() {
     std::lock_guard<std::recursive_mutex> lock(m_client_mutex);
     if (m_ipcd_observer) {
         INFO << s_log << "Remove observer and unsubscribe";
@@ -905,7 +924,6 @@ bool MqttClient::wait_ready(std::chrono::seconds timeout) {
         unsubscribe(kIpcdStatusTopic, m_ipcd_observer);
         m_ipcd_observer.reset();
     }
-    return true;
 }
 
 std::string MqttClient::describe_missing() {

@@ -140,6 +140,8 @@ private:
     // Topics not yet acknowledged by the broker, and real-time topics not yet confirmed by
     // IPCd, for the time-out report of wait_ready.
     std::string describe_missing();
+    // Once ready, the IPCd report is no longer needed.
+    void drop_ipcd_observer();
     std::string broker() const;
 
     // Configuration.

@@ -408,8 +408,9 @@ SignalAdapter& SignalAdapter::instance() {
         SA_LOG(ERROR) << dlerror_text();
         ERROR.do_flush();
     }
-    void* factory =
-        handle != nullptr ? dlsym(handle, _internal::c_mapping_factory_symbol) : nullptr;
+    // Looked up even without the library: a null handle makes the loader search the
+    // process itself, so an application that defines the entry point needs no library.
+    void* factory = dlsym(handle, _internal::c_mapping_factory_symbol);
     if (factory == nullptr) {
         SA_LOG(ERROR) << "The lib handle is not set! (" << dlerror_text() << ")";
         ERROR.do_flush();

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <sstream>
+#include <thread>
+#include <vector>
 
 #include "ecu/tavi/logging/logging.h"
 #include "support/capture.h"
@@ -65,6 +67,24 @@ TEST(ConfigTest, MissingRequiredKeyFailsVerify) {
     EXPECT_FALSE(c->verify());
     EXPECT_EQ(out.finish(), "[ERROR]: [tavi.config] Required parameter 'client_name' is missin\n");
     logging::set_log_mode(logging::SYSLOG);
+}
+
+// Clients read the shared configuration from their own threads; absent keys included.
+TEST(ConfigTest, ConcurrentReadsOfAbsentKeys) {
+    auto c = parse("client_name=app\n");
+    ASSERT_TRUE(c->verify());
+    std::vector<std::thread> readers;
+    for (int t = 0; t < 4; ++t) {
+        readers.emplace_back([&c, t] {
+            for (int i = 0; i < 500; ++i) {
+                EXPECT_EQ(c->get("absent." + std::to_string((i + t) % 50)), "");
+                EXPECT_EQ(c->get("client_name"), "app");
+            }
+        });
+    }
+    for (auto& reader : readers) {
+        reader.join();
+    }
 }
 
 TEST(ConfigDeathTest, GetBeforeVerifyAborts) {

@@ -154,19 +154,26 @@ TEST_F(DateTimeTest, BootIdIsTheKernels) {
                        "\n[INFO]: [tavi.datetime] Got boot_id = " + expected + "\n");
 }
 
-TEST_F(DateTimeTest, BootIdFailuresGiveNullId) {
+TEST_F(DateTimeTest, BootIdFailuresGiveNullIdAndTheLogShowsTheTextAsRead) {
     fs::TempDirectory dir;
     const std::string empty = dir.path() + "/empty";
     const std::string garbage = dir.path() + "/garbage";
+    const std::string upper = dir.path() + "/upper";
     ASSERT_TRUE(fs::create_file_with_contents(empty, ""));
     ASSERT_TRUE(fs::create_file_with_contents(garbage, "71161033-3534-4c60-a005-b025f64f90e\n"));
+    ASSERT_TRUE(fs::create_file_with_contents(upper, "71161033-3534-4C60-A005-B025F64F90EA\n"));
 
-    Uuid missing_id, empty_id, garbage_id;
+    Uuid missing_id, empty_id, garbage_id, upper_id;
     const std::string text = log_of([&] {
         missing_id = detail::read_boot_id(dir.path() + "/missing");
         empty_id = detail::read_boot_id(empty);
         garbage_id = detail::read_boot_id(garbage);
+        upper_id = detail::read_boot_id(upper);
     });
+    EXPECT_EQ(upper_id.to_string(), "71161033-3534-4c60-a005-b025f64f90ea");
+    EXPECT_NE(text.find("[INFO]: [tavi.datetime] Got boot_id = "
+                        "71161033-3534-4C60-A005-B025F64F90EA\n"),
+              std::string::npos);
     EXPECT_TRUE(missing_id.is_null());
     EXPECT_TRUE(empty_id.is_null());
     EXPECT_TRUE(garbage_id.is_null());

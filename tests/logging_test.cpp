@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <sstream>
 #include <thread>
@@ -11,6 +12,16 @@
 
 #include "ecu/tavi/config/configuration.h"
 #include "support/capture.h"
+
+// Application code outside the library's namespace, without a using-directive: the stream
+// operators must still be the filtering ones. The level drops in the middle of the line.
+static void qualified_line_with_level_drop() {
+    ecu::tavi::logging::INFO << "kept " << 1;
+    ecu::tavi::logging::set_log_level(5);
+    ecu::tavi::logging::INFO << " dropped" << std::endl;
+    ecu::tavi::logging::set_log_level(6);
+    ecu::tavi::logging::INFO.do_flush();
+}
 
 namespace ecu::tavi::logging {
 namespace {
@@ -126,7 +137,7 @@ TEST_F(LoggingTest, StreamLinesAndModuleFilter) {
               "[ERROR]: no module\n");
 }
 
-TEST_F(LoggingTest, SuppressedDebugLeavesNoTrace) {
+TEST_F(LoggingTest, SuppressedLinesLeaveNoTraceAlsoWhenQualified) {
     auto mqtt = module("tavi.com.mqttclient");
     enable(mqtt, false);
     test::StdoutCapture out;
@@ -137,7 +148,18 @@ TEST_F(LoggingTest, SuppressedDebugLeavesNoTrace) {
     set_log_level(7);
     DEBUG << "next";
     DEBUG.do_flush();
-    EXPECT_EQ(out.finish(), "[DEBUG]: next\n");
+
+    // Attributed to a disabled module while the level let INFO through, flushed after it no
+    // longer does: the attribution still ends with the line.
+    INFO << module("tavi.off") << "dropped";
+    set_log_level(5);
+    INFO.do_flush();
+    NOTICE << "root again";
+    NOTICE.do_flush();
+
+    set_log_level(6);
+    qualified_line_with_level_drop();
+    EXPECT_EQ(out.finish(), "[DEBUG]: next\n[NOTICE]: root again\n[INFO]: kept 1\n");
 }
 
 TEST_F(LoggingTest, SyslogModeAddsNoNewline) {
@@ -219,6 +241,82 @@ TEST_F(LoggingTest, SetFromConfig) {
     EXPECT_FALSE(module("tavi.rt")->enabled());
     EXPECT_TRUE(module("app")->enabled());
     EXPECT_TRUE(module("")->enabled());  // the doubled blank names the empty module
+}
+
+TEST_F(LoggingTest, TreeIsBoundedInDepthAndSize) {
+    std::string deep = "d";
+    for (int i = 1; i < 33; ++i) {
+        deep += "." + std::to_string(i);
+    }
+    test::StdoutCapture out;
+    EXPECT_EQ(module(deep), module("root"));
+    EXPECT_FALSE(enable(deep, true));
+    const std::string allowed = deep.substr(0, deep.rfind('.'));  // 32 segments
+    EXPECT_EQ(module(allowed)->name(), allowed);
+
+    // The tree holds the root, the 32 modules above and what follows, up to 1024.
+    for (int i = 33; i < 1024; ++i) {
+        ASSERT_NE(module("m" + std::to_string(i)), module("root")) << i;
+    }
+    EXPECT_EQ(module("one.too.many"), module("root"));
+    EXPECT_EQ(module("root")->children().count("one"), 0u) << "no partial branch";
+    EXPECT_FALSE(disable("m1024", false));
+    EXPECT_EQ(module("m1023")->name(), "m1023");  // existing modules are still found
+    const std::string log = out.finish();
+    EXPECT_THAT(log, HasSubstr("[ERROR]: Log module name of 33 segments refused: names are "
+                               "limited to 32 segments\n"));
+    EXPECT_THAT(log, HasSubstr("[ERROR]: Log module 'one.too.many' refused: the tree is "
+                               "limited to 1024 modules\n"));
+    _internal::reset_modules();
+    EXPECT_EQ(module("one.too.many")->name(), "one.too.many");
+}
+
+// Modules are looked up and created by name from many threads while a remote-control-style
+// thread switches and walks the tree, and another logs through the module it holds. All
+// start together, so that their accesses overlap.
+TEST_F(LoggingTest, ModuleTreeIsSafeUnderConcurrentUse) {
+    set_log_level(7);
+    const auto held = module("app.held");
+    std::atomic<int> started{0};
+    const auto together = [&started] {
+        for (++started; started < 5;) {
+            std::this_thread::yield();
+        }
+    };
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([t, &together] {
+            together();
+            for (int i = 0; i < 2000; ++i) {
+                const auto m = module("app.t" + std::to_string(t) + "." + std::to_string(i % 200));
+                EXPECT_EQ(m->parent()->parent(), module("app"));
+            }
+        });
+    }
+    threads.emplace_back([&together] {
+        together();
+        for (int i = 0; i < 300; ++i) {
+            enable("app", true);
+            disable("app." + std::to_string(i % 7), true);
+            size_t count = 0;
+            for (const auto& [name, child] : module("root")->children()) {
+                count += child->children().size() + child->name().size();
+            }
+            EXPECT_GT(count, 0u);
+        }
+    });
+    threads.emplace_back([&held, &together] {
+        test::StdoutCapture out;
+        together();
+        for (int i = 0; i < 2000; ++i) {
+            INFO << held << "held";
+            INFO.do_flush();
+        }
+    });
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(module("app.t2.199")->name(), "app.t2.199");
 }
 
 }  // namespace

@@ -226,6 +226,31 @@ TEST_F(RemoteLogControlTest, UndecodableRequestsAndADestroyedControlGetNoReply) 
     EXPECT_EQ(before + 1, replies());
 }
 
+// A small request cannot grow the tree without bound: an 8 KB name of 4000 segments, and
+// more new names than the tree has room for.
+TEST_F(RemoteLogControlTest, DeepNamesAndATreeFullOfModulesAreRefused) {
+    std::string deep = "x";
+    for (int i = 1; i < 4000; ++i) {
+        deep += ".x";
+    }
+    pb::LogConfig request;
+    add_switch(request, deep, true)->set_recursive(true);
+    for (int i = 0; i < 1100; ++i) {
+        add_switch(request, "n" + std::to_string(i), true);
+    }
+    const auto reply = exchange(request);
+
+    // The tree already held the root and the control's two modules.
+    ASSERT_EQ(reply.modules_size(), 1024);
+    EXPECT_EQ(reply.modules(0).name(), "root");
+    EXPECT_EQ(reply.modules(1021).name(), "n999");  // byte-wise order: n1020 comes earlier
+    EXPECT_EQ(reply.modules(1023).name(), "rlc-app.log");
+    expect_logged(
+        {"[ERROR]: Log module name of 4000 segments refused: names are limited to 32 "
+         "segments\n",
+         "[ERROR]: Log module 'n1021' refused: the tree is limited to 1024 modules\n"});
+}
+
 // The control that create_client attaches lives exactly as long as the transport it returns.
 TEST_F(RemoteLogControlTest, FactoryAttachesControlForTheTransportsLifetime) {
     auto client = connected_client("rlc-factory", true);

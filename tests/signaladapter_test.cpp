@@ -12,11 +12,19 @@
 #include "ecu/tavi/pb/rtsignal.pb.h"
 #include "support/capture.h"
 
+// An application may define the support library's entry point itself.
+extern "C" const ecu::tavi::rt::_internal::SignalGroupsDefinition* mapping_factory() {
+    static const ecu::tavi::rt::_internal::SignalGroupsDefinition table{
+        {"rt/app/own", {0x42, {"own", 0, false, {}}}}};
+    return &table;
+}
+
 namespace ecu::tavi::rt {
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 const char* const kSupportLib = MURNTAVI_RTSUPPORT_LIB;
 
@@ -290,13 +298,20 @@ TEST_F(SignalAdapterTest, SysrootIsPutInFrontOfTheDefaultPathOnly) {
     EXPECT_TRUE(SignalAdapter::instance().is_valid_topic("rt/vekcan/rx/fws_27"));
 }
 
+TEST_F(SignalAdapterTest, WithoutTheLibraryTheProcessesOwnEntryPointServes) {
+    const std::string missing = "/nonexistent/libmurntavi_rtsupport.so";
+    SignalAdapter::enforce_support_lib(missing);
+    test::StdoutCapture out;
+    EXPECT_TRUE(SignalAdapter::instance().is_valid_topic("rt/app/own"));
+    const std::string text = out.finish();
+    EXPECT_THAT(text, HasSubstr("] " + missing +
+                                ": cannot open shared object file: No such file or directory\n"));
+    EXPECT_THAT(text, Not(HasSubstr("The lib handle is not set!")));
+}
+
 using SignalAdapterDeathTest = SignalAdapterTest;
 
-TEST_F(SignalAdapterDeathTest, MissingSupportLibraryEndsTheProcess) {
-    SignalAdapter::enforce_support_lib("/nonexistent/libmurntavi_rtsupport.so");
-    EXPECT_DEATH(SignalAdapter::instance(),
-                 "Assertion `SignalAdapter::c_instance != nullptr' failed");
-    // A library without the entry point fails the same way.
+TEST_F(SignalAdapterDeathTest, LibraryWithoutTheEntryPointEndsTheProcess) {
     SignalAdapter::enforce_support_lib(MURNTAVI_KOVPROTO_LIB);
     EXPECT_DEATH(SignalAdapter::instance(),
                  "Assertion `SignalAdapter::c_instance != nullptr' failed");

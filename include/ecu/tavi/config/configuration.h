@@ -1,5 +1,5 @@
 // Key/value configuration from which every client of the library is configured.
-// Not thread safe: parse and verify once at start-up, then only read.
+// Parse and verify once at start-up; after that get() may be called from any thread.
 #pragma once
 
 #include <istream>

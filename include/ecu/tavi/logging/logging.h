@@ -1,10 +1,11 @@
 // Process-wide logging: syslog-style levels, output modes, a tree of named log
 // modules, a printf-style front end and the stream front end used by all library code.
 //
-// Level, mode and the module tree are plain process-wide data without locks: change them
-// from one thread at a time (start-up, configuration, the remote log control). Logging
-// itself may happen from any thread; each thread builds its lines in its own buffer, so
-// lines never interleave.
+// Thread safety: everything here may be used from any thread. Level, mode and each
+// module's enabled flag are atomics; the module tree takes a lock only to look a module up
+// by name, create one or walk the tree, never to write or suppress a line through a module
+// pointer already held. Each thread builds its lines in its own buffer, so lines never
+// interleave.
 //
 // Typical use:
 //   static const auto s_log = ecu::tavi::logging::module("app.sensor");
@@ -13,6 +14,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <ostream>
@@ -33,28 +35,36 @@ using LogLevel = int;
 
 enum LogMode : int { SYSLOG = 0, STDOUT = 1, STDERR = 2 };
 
+namespace _internal {
+class ModuleTree;
+}  // namespace _internal
+
 class TAVI_EXPORT LogModule {
 public:
     LogModule(bool enabled, std::string name, std::shared_ptr<LogModule> parent);
 
     // Full dotted name; the root's name never appears in front ("tavi.com.acl"), and the
-    // root itself is called "root".
-    std::string name() const;
+    // root itself is called "root". Built once at creation.
+    const std::string& name() const { return m_full_name; }
     // Sets the enabled flag, with recursive also on every descendant.
     void change(bool enabled, bool recursive);
 
     bool enabled() const { return m_enabled.load(std::memory_order_relaxed); }
     const std::string& own_name() const { return m_name; }
-    const std::map<std::string, std::shared_ptr<LogModule>>& children() const { return m_children; }
-    std::map<std::string, std::shared_ptr<LogModule>>& children() { return m_children; }
+    // A snapshot: other threads may add modules meanwhile.
+    std::map<std::string, std::shared_ptr<LogModule>> children() const;
     const std::shared_ptr<LogModule>& parent() const { return m_parent; }
 
 private:
+    friend class _internal::ModuleTree;
+
     // Switched by the remote log control on the network thread while any thread logs.
     std::atomic<bool> m_enabled;
-    std::string m_name;
+    const std::string m_name;
+    const std::shared_ptr<LogModule> m_parent;
+    const std::string m_full_name;
+    // Guarded by the tree's lock.
     std::map<std::string, std::shared_ptr<LogModule>> m_children;
-    std::shared_ptr<LogModule> m_parent;
 };
 
 TAVI_EXPORT void set_log_level(int level);
@@ -78,10 +88,12 @@ TAVI_EXPORT void configure_logging(std::string const& level);
 TAVI_EXPORT void set_from_config(std::unique_ptr<config::Configuration> const& configuration);
 
 // Returns the module with the given dotted path, creating missing modules (disabled) on
-// the way. "root" is the root itself.
+// the way. "root" is the root itself. A path deeper than 32 segments, or one that would
+// grow the tree beyond 1024 modules, is refused with an ERROR line and gives the root.
 TAVI_EXPORT std::shared_ptr<LogModule> module(std::string const& path);
 TAVI_EXPORT std::shared_ptr<LogModule> module(std::vector<std::string> const& segments);
 
+// By name: false, changing nothing, when the module cannot be created (see module()).
 TAVI_EXPORT bool enable(std::string const& path, bool recursive);
 TAVI_EXPORT bool disable(std::string const& path, bool recursive);
 TAVI_EXPORT bool enable(std::shared_ptr<LogModule>& module, bool recursive);
@@ -119,6 +131,11 @@ TAVI_EXPORT void debug(std::shared_ptr<LogModule> const& module, char const* for
 #undef TAVI_PRINTF_LIKE
 
 namespace _internal {
+
+// Bounds of the module tree: anything may name a module (a remote tool too), and each
+// module lives until the tree is reset.
+constexpr size_t c_max_module_depth = 32;
+constexpr size_t c_max_modules = 1024;
 
 // Drops every child of the root and disables the root.
 TAVI_EXPORT void reset_modules();
@@ -168,15 +185,16 @@ private:
     LogStreambuf m_buf;
 };
 
-}  // namespace _internal
+// The stream operators live beside LogStream, so that argument-dependent lookup finds them
+// wherever a stream is used, also fully qualified (ecu::tavi::logging::INFO << ...) without
+// a using-directive; std's ostream operators would otherwise take the text unfiltered.
 
 // Attributes the current line of this thread to a module.
-TAVI_EXPORT _internal::LogStream& operator<<(_internal::LogStream& stream,
-                                             std::shared_ptr<LogModule> const& module);
+TAVI_EXPORT LogStream& operator<<(LogStream& stream, std::shared_ptr<LogModule> const& module);
 
 template <typename T>
-_internal::LogStream& operator<<(_internal::LogStream& stream, T const& value) {
-    if (stream.streambuf().level() > 4 && stream.streambuf().level() > _internal::log_level()) {
+LogStream& operator<<(LogStream& stream, T const& value) {
+    if (stream.streambuf().level() > 4 && stream.streambuf().level() > log_level()) {
         return stream;  // cheap early out before any module lookup or formatting
     }
     if (stream.streambuf().passes()) {
@@ -185,13 +203,14 @@ _internal::LogStream& operator<<(_internal::LogStream& stream, T const& value) {
     return stream;
 }
 
-inline _internal::LogStream& operator<<(_internal::LogStream& stream,
-                                        std::ostream& (*manip)(std::ostream&)) {
+inline LogStream& operator<<(LogStream& stream, std::ostream& (*manip)(std::ostream&)) {
     if (stream.streambuf().passes()) {
         manip(stream);
     }
     return stream;
 }
+
+}  // namespace _internal
 
 // The eight stream objects of levels 0..7.
 TAVI_EXPORT extern _internal::LogStream EMERG;

@@ -4,7 +4,8 @@
 // complete configuration on "app/<client name>/log/config".
 //
 // Requests are handled on the transport's network thread and change the process-wide
-// logging state there. Destroy the control from any thread other than the network thread.
+// logging state there. A module a request names is created if it is missing, within the
+// bounds of the module tree (32 segments, 1024 modules); beyond them it is refused. Destroy the control from any thread other than the network thread.
 #pragma once
 
 #include <memory>

@@ -62,13 +62,32 @@ void Daemon::detach() {
     }
 }
 
-void Daemon::send(const std::string& topic, const com::Message& message) {
+namespace {
+class HandlerObserver : public com::ISubscriptionObserver {
+public:
+    using Handler = std::function<void(const std::string&, const com::Message&)>;
+    explicit HandlerObserver(Handler handler) : m_handler(std::move(handler)) {}
+    void message(const std::string& topic, const com::Message& message) override {
+        m_handler(topic, message);
+    }
+
+private:
+    Handler m_handler;
+};
+}  // namespace
+
+std::shared_ptr<com::ISubscriptionObserver> Daemon::observer(Handler handler) {
+    return std::make_shared<HandlerObserver>(std::move(handler));
+}
+
+void Daemon::send(const std::string& topic, const com::Message& message,
+                  std::chrono::milliseconds after) {
     if (m_silenced) {
         DEBUG << s_log << m_name << " is silenced: not publishing on " << topic;
         DEBUG.do_flush();
         return;
     }
-    const long long delay = m_delay_ms;
+    const long long delay = m_delay_ms + after.count();
     if (delay <= 0) {
         m_transport->publish(topic, message);
         return;

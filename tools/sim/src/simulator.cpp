@@ -36,7 +36,6 @@ const std::vector<UnitKey> kReservedSections = {
     {"uds.", "reserved: UDS interfaces and answers"},
     {"pgn.", "reserved: PGN request token behaviour, busy answers included"},
     {"bt.", "reserved: Bluetooth devices found by a discovery"},
-    {"backend.", "reserved: behaviour of the backend behind the proxy"},
 };
 
 std::string section_of(const std::string& key) {
@@ -170,6 +169,10 @@ Result<void, SimulatorError> Simulator::start() {
         // The library's configuration syntax: a "#" in a value would start a comment.
         std::ostringstream text;
         text << "client_name = " << daemon->name() << "\n";
+        // The first occurrence of a key wins: the daemon's own keys go first.
+        for (const auto& entry : daemon->connection_keys(m_options)) {
+            text << entry.first << " = " << entry.second << "\n";
+        }
         for (const auto& entry : m_options.connection) {
             text << entry.first << " = " << entry.second << "\n";
         }

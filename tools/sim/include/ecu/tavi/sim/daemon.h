@@ -55,6 +55,11 @@ public:
     // Checks the values of its keys; appends one text per fault, saying where the key was
     // given (Unit::origin).
     virtual void check(const Unit& /*unit*/, std::vector<std::string>& /*errors*/) const {}
+    // Connection keys of its own ("login_username", ...), used instead of the shared ones.
+    virtual std::map<std::string, std::string> connection_keys(
+        const SimulatorOptions& /*options*/) const {
+        return {};
+    }
     // Prepares the daemon and subscribes its topics; the connection is not started yet.
     virtual Result<void, std::string> setup() = 0;
     // Publishes what the daemon holds (retained status and the like): once it is connected,
@@ -73,8 +78,13 @@ protected:
     com::ITransportClient& transport() const { return *m_transport; }
     const Unit& unit() const { return *m_unit; }
     const SimulatorOptions& options() const { return *m_options; }
-    // Publishes on the daemon's connection, honouring delay and silence.
-    void send(const std::string& topic, const com::Message& message);
+    // Publishes on the daemon's connection, honouring delay and silence; `after` holds
+    // this one publication back further.
+    void send(const std::string& topic, const com::Message& message,
+              std::chrono::milliseconds after = std::chrono::milliseconds(0));
+    // An observer that hands every message to the handler, for subscribe().
+    using Handler = std::function<void(const std::string& topic, const com::Message& message)>;
+    static std::shared_ptr<com::ISubscriptionObserver> observer(Handler handler);
 
 private:
     friend class Simulator;

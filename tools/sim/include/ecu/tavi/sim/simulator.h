@@ -32,6 +32,11 @@ struct SimulatorOptions {
     // How long start() waits for the daemons' connections; the transport retries every
     // second meanwhile.
     std::chrono::seconds connect_timeout{10};
+    // Administrator of the broker's dynamic security plugin. Given: the access-control
+    // daemon logs in with it and makes the users it is asked for real on the broker.
+    // Empty: it only records and logs them.
+    std::string dynsec_username;
+    std::string dynsec_password;
 };
 
 struct SimulatorError {

@@ -9,11 +9,13 @@
 #include <sstream>
 #include <thread>
 
+#include "ecu/tavi/com/client.h"
 #include "ecu/tavi/com/messageadapter.h"
 #include "ecu/tavi/com/protocol_types.h"
 #include "ecu/tavi/config/configuration.h"
 #include "ecu/tavi/logging/logging.h"
 #include "ecu/tavi/pb/backend.pb.h"
+#include "ecu/tavi/sim/testkit.h"
 #include "mqttclient.h"
 #include "support/broker.h"
 #include "support/capture.h"
@@ -249,6 +251,46 @@ TEST_F(BackendTest, ContentCallbacksPerContentId) {
     EXPECT_THAT(log, HasSubstr("Invalid content ID requested for callback"));
     EXPECT_THAT(log, HasSubstr("Failed to parse content id from topic 'app/cid/abc' : stoul"));
     EXPECT_THAT(log, HasSubstr("Unable to find requested callback for deletion"));
+}
+
+// The simulator's proxy: "queued" first, then the backend's verdict as the unit says.
+TEST(BackendOnSimulator, ProxyAnswersQueuedThenTheBackendsVerdict) {
+    if (!test::Broker::available()) {
+        GTEST_SKIP() << "mosquitto is not installed";
+    }
+    sim::TestKit kit({"backend.behaviour = fail\n", ""});
+    ASSERT_TRUE(kit.start()) << kit.error();
+    auto config = kit.client_configuration("be-sim-app");
+    std::shared_ptr<com::ITransportClient> transport = com::create_mqtt_client(config);
+    ASSERT_TRUE(transport->connect());
+    auto client = com::create_be_client(transport);
+    transport->start();
+    ASSERT_TRUE(transport->wait_ready(std::chrono::seconds(10)));
+    ASSERT_TRUE(test::wait_until([&] { return client->is_connected(); }));
+    EXPECT_TRUE(test::wait_until([&] { return client->queue_status().size == 100; }));
+
+    std::mutex mutex;
+    std::vector<Call> calls;
+    Client::TxOptions options;
+    options.response_callback = [&](std::uint64_t id, int status) {
+        std::lock_guard<std::mutex> lock(mutex);
+        calls.emplace_back(id, status);
+    };
+    auto answered = [&](size_t n) {
+        return test::wait_until([&] {
+            std::lock_guard<std::mutex> lock(mutex);
+            return calls.size() == n;
+        });
+    };
+    ASSERT_EQ(1u, client->publish(com::Message("x", 1), 7, options));
+    ASSERT_TRUE(answered(2));
+    ASSERT_TRUE(kit.simulator().set_unit_value("backend.behaviour", "offline").has_value());
+    ASSERT_TRUE(test::wait_until([&] { return !client->is_connected(); }));
+    ASSERT_EQ(2u, client->publish(com::Message("x", 1), 7, options));
+    ASSERT_TRUE(answered(4));
+    EXPECT_THAT(calls, ElementsAre(Call{1, 2}, Call{1, 1}, Call{2, 2}, Call{2, 4}));
+    client.reset();
+    transport->stop();
 }
 
 }  // namespace

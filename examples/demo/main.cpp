@@ -21,14 +21,20 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <random>
+#include <sstream>
 #include <string>
+#include <vector>
 
+#include "ecu/tavi/com/acl.h"
+#include "ecu/tavi/com/backend.h"
 #include "ecu/tavi/com/client.h"
 #include "ecu/tavi/com/message.h"
 #include "ecu/tavi/com/messageadapter.h"
 #include "ecu/tavi/com/protocol_types.h"
 #include "ecu/tavi/config/configuration.h"
 #include "ecu/tavi/logging/logging.h"
+#include "ecu/tavi/pb/backend.pb.h"
 #include "ecu/tavi/pb/logconfig.pb.h"
 #include "ecu/tavi/rt/signaladapter.h"
 
@@ -214,6 +220,136 @@ Outcome rt_round_trip(com::ITransportClient& transport, Inbox& inbox,
     return {true, detail};
 }
 
+// --- Access control: a broker user with an access list, proven by logging in as it ------
+
+// The user logs in under its own name as client name, which "%c" stands for.
+const char* const kDemoUser = "tavidemo";
+
+struct DemoUser {
+    std::string password;
+    std::shared_ptr<com::AclClient> acl;
+};
+
+Outcome acl_create_user(std::shared_ptr<com::ITransportClient>& transport, DemoUser& user) {
+    auto created = com::create_acl_client(transport);
+    if (!created.first) {
+        return {false, "no ACL client: the unit's hwversion is not vcm (see the log)"};
+    }
+    user.acl = created.second;
+    user.password = "pw" + std::to_string(std::random_device()());
+    if (!user.acl->add_mqtt_user(kDemoUser, user.password).has_value()) {
+        return {false, std::string("aclifd did not create the user ") + kDemoUser};
+    }
+    if (!user.acl->add_mqtt_acl(kDemoUser, {"demo/%c/inbox"}, {"demo/outbox"}, {}).has_value()) {
+        return {false, "aclifd did not grant the access list"};
+    }
+    return {true, std::string("user ") + kDemoUser +
+                      ": subscribe demo/%c/inbox, publish demo/outbox (+ log control)"};
+}
+
+Outcome acl_log_in_as_user(com::ITransportClient& transport, const std::shared_ptr<Inbox>& inbox,
+                           config::Configuration& configuration, const DemoUser& user) {
+    const std::string own_inbox = std::string("demo/") + kDemoUser + "/inbox";
+    std::istringstream text(
+        "client_name = " + std::string(kDemoUser) + "\nhost = " + configuration.get("host") +
+        "\nport = " + configuration.get("port") + "\nlogin_username = " + kDemoUser +
+        "\nlogin_password = " + user.password + "\n");
+    auto user_config = config::Configuration::create_from_input(text);
+    user_config->verify();
+    auto as_user = com::create_mqtt_client(user_config);
+    auto user_inbox = std::make_shared<Inbox>();
+    as_user->subscribe("demo/other/inbox", 0, user_inbox);  // not on its list
+    as_user->subscribe(own_inbox, 0, user_inbox);
+    auto connecting = std::async(std::launch::async, [&] { return as_user->connect(); });
+    if (connecting.wait_for(kAnswerTimeout) != std::future_status::ready || !connecting.get()) {
+        as_user->disconnect();
+        connecting.wait();
+        return {false, std::string("the broker did not let ") + kDemoUser + " log in"};
+    }
+    as_user->start();
+    transport.subscribe("demo/#", 0, inbox);
+    std::string failure;
+    if (!as_user->wait_ready(10s) || !transport.wait_ready(10s)) {
+        failure = "subscriptions not acknowledged";
+    }
+    const com::Message data("demo", 4);
+    // Each refused message goes first: once the allowed one is through, the other would
+    // have been as well.
+    transport.publish("demo/other/inbox", data);
+    transport.publish(own_inbox, data);
+    if (failure.empty() && !user_inbox->wait(own_inbox, kAnswerTimeout)) {
+        failure = "nothing arrived on " + own_inbox;
+    } else if (failure.empty() && user_inbox->wait("demo/other/inbox", 0ms)) {
+        failure = "the user received demo/other/inbox, which its list does not allow";
+    }
+    as_user->publish("demo/secret", data);
+    as_user->publish("demo/outbox", data);
+    if (failure.empty() && !inbox->wait("demo/outbox", kAnswerTimeout)) {
+        failure = "the user's demo/outbox did not arrive";
+    } else if (failure.empty() && inbox->wait("demo/secret", 0ms)) {
+        failure = "the user could publish on demo/secret, which its list does not allow";
+    }
+    as_user->stop();
+    transport.unsubscribe("demo/#", inbox);
+    user.acl->rm_mqtt_user(kDemoUser);
+    if (!failure.empty()) {
+        return {false, failure};
+    }
+    return {true, "logged in as " + std::string(kDemoUser) + ": " + own_inbox +
+                      " and demo/outbox pass, demo/other/inbox and demo/secret refused"};
+}
+
+// --- Backend: content out through the proxy, results and the backend's echo back -------
+
+// A content id the sample unit's backend echoes (backend.echo_content_ids).
+const unsigned int kEchoContentId = 4242;
+
+Outcome backend_round_trip(std::shared_ptr<com::ITransportClient>& transport) {
+    auto backend = com::create_be_client(transport);
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::vector<int> statuses;
+    std::string echoed;
+    backend->add_content_callback(kEchoContentId, [&](unsigned int, const com::Message& m) {
+        std::lock_guard<std::mutex> lock(mutex);
+        echoed.assign(m.get_data().begin(), m.get_data().end());
+        cv.notify_all();
+    });
+    if (!transport->wait_ready(10s)) {
+        return {false, "content subscription not acknowledged"};
+    }
+    const std::string content = "hello backend";
+    com::BackendClient::TxOptions options;
+    options.ttl_s = 60;
+    options.response_callback = [&](std::uint64_t, int status) {
+        std::lock_guard<std::mutex> lock(mutex);
+        statuses.push_back(status);
+        cv.notify_all();
+    };
+    const auto id =
+        backend->publish(com::Message(content.data(), content.size()), kEchoContentId, options);
+    if (id == 0) {
+        return {false, "publish failed"};
+    }
+    std::unique_lock<std::mutex> lock(mutex);
+    if (!cv.wait_for(lock, kAnswerTimeout,
+                     [&] { return statuses.size() >= 2 && !echoed.empty(); })) {
+        return {false, "request " + std::to_string(id) + ": " + std::to_string(statuses.size()) +
+                           " statuses, " + (echoed.empty() ? "no echo" : "echo") +
+                           " (is beproxyd running?)"};
+    }
+    auto name = [](int status) {
+        return pb::BackendProxyResponse::Status_Name(
+            static_cast<pb::BackendProxyResponse::Status>(status));
+    };
+    const bool ok = statuses[0] == pb::BackendProxyResponse::QUEUED &&
+                    statuses[1] == pb::BackendProxyResponse::DELIVERED && echoed == content;
+    return {ok, "request " + std::to_string(id) + ": " + name(statuses[0]) + " then " +
+                    name(statuses[1]) + ", content " + std::to_string(kEchoContentId) +
+                    " echoed (" + std::to_string(echoed.size()) + " bytes)" +
+                    (backend->is_connected() ? ", proxy connected" : "")};
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -284,12 +420,21 @@ int main(int argc, char** argv) {
                    [&] { return change_log_level(*transport, *inbox, client); });
         report.run("real-time round trip",
                    [&] { return rt_round_trip(*transport, *inbox, support_library); });
+        DemoUser user;
+        if (report.run("acl: create user", [&] { return acl_create_user(transport, user); })) {
+            report.run("acl: log in as user",
+                       [&] { return acl_log_in_as_user(*transport, inbox, *configuration, user); });
+        } else {
+            report.skip("acl: log in as user", "no user");
+        }
+        report.run("backend: send and echo", [&] { return backend_round_trip(transport); });
     } else {
         if (!connected) {
             report.skip("readiness with IPCd", "not connected");
         }
         for (const char* step :
-             {"log control: query", "log control: change", "real-time round trip"}) {
+             {"log control: query", "log control: change", "real-time round trip",
+              "acl: create user", "acl: log in as user", "backend: send and echo"}) {
             report.skip(step, "not ready");
         }
     }

@@ -27,95 +27,19 @@
 #include "mqttclient.h"
 #include "support/broker.h"
 #include "support/mqtt_peer.h"
+#include "transport_bench_support.h"
 
 namespace {
 
 using namespace ecu::tavi;
+using bench::Arrivals;
+using bench::BareClient;
+using bench::CountingObserver;
+using bench::kBatch;
+using bench::make_client;
 using Clock = std::chrono::steady_clock;
 
 test::Broker* g_broker = nullptr;
-
-// Counts arrivals and wakes one waiter; shared by the bare client and the observer.
-struct Arrivals {
-    std::mutex mutex;
-    std::condition_variable cv;
-    uint64_t count = 0;
-
-    void add() {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            ++count;
-        }
-        cv.notify_all();
-    }
-    uint64_t now() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return count;
-    }
-    bool wait_for(uint64_t target) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return cv.wait_for(lock, std::chrono::seconds(10), [&] { return count >= target; });
-    }
-};
-
-class BareClient : public mosqpp::mosquittopp {
-public:
-    explicit BareClient(Arrivals& arrivals) : m_arrivals(arrivals) {
-        connect("127.0.0.1", g_broker->port(), 60);
-        loop_start();
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_cv.wait_for(lock, std::chrono::seconds(10), [&] { return m_connected; });
-    }
-    ~BareClient() override {
-        disconnect();
-        loop_stop();
-    }
-    void subscribe_and_wait(const std::string& topic, int qos) {
-        int mid = 0;
-        subscribe(&mid, topic.c_str(), qos);
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_cv.wait_for(lock, std::chrono::seconds(10), [&] { return m_last_suback == mid; });
-    }
-    void on_connect(int) override {
-        const int one = 1;
-        ::setsockopt(socket(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_connected = true;
-        m_cv.notify_all();
-    }
-    void on_subscribe(int mid, int, const int*) override {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_last_suback = mid;
-        m_cv.notify_all();
-    }
-    void on_message(const struct mosquitto_message*) override { m_arrivals.add(); }
-
-private:
-    Arrivals& m_arrivals;
-    std::mutex m_mutex;
-    std::condition_variable m_cv;
-    bool m_connected = false;
-    int m_last_suback = 0;
-};
-
-class CountingObserver : public com::ISubscriptionObserver {
-public:
-    explicit CountingObserver(Arrivals& arrivals) : m_arrivals(arrivals) {}
-    void message(const std::string&, const com::Message&) override { m_arrivals.add(); }
-
-private:
-    Arrivals& m_arrivals;
-};
-
-std::unique_ptr<com::MqttClient> make_client(const std::string& name) {
-    std::istringstream text(g_broker->client_config(name));
-    auto config = config::Configuration::create_from_input(text);
-    config->verify();
-    auto client = std::make_unique<com::MqttClient>(config);
-    client->connect();
-    client->start();
-    return client;
-}
 
 // The echo peer answers every request on the response topic with the request's QoS.
 std::unique_ptr<test::MqttPeer> make_echo(const std::string& request, const std::string& response) {
@@ -143,7 +67,7 @@ void BM_RoundTrip_Bare(benchmark::State& state) {
     const int qos = static_cast<int>(state.range(0));
     auto echo = make_echo("bench/bare/req", "bench/bare/resp");
     Arrivals arrivals;
-    BareClient client(arrivals);
+    BareClient client(arrivals, g_broker->port());
     client.subscribe_and_wait("bench/bare/resp", qos);
     std::vector<double> micros;
     for (auto _ : state) {
@@ -164,7 +88,7 @@ void BM_RoundTrip_MqttClient(benchmark::State& state) {
     const auto qos = static_cast<uint8_t>(state.range(0));
     auto echo = make_echo("bench/lib/req", "bench/lib/resp");
     Arrivals arrivals;
-    auto client = make_client("bench-rt");
+    auto client = make_client(g_broker->client_config("bench-rt"));
     client->subscribe("bench/lib/resp", qos, std::make_shared<CountingObserver>(arrivals));
     client->wait_ready(std::chrono::seconds(10));
     com::Message request(kPayload.data(), kPayload.size());
@@ -184,34 +108,16 @@ void BM_RoundTrip_MqttClient(benchmark::State& state) {
     client->stop();
 }
 
-constexpr int kBatch = 1000;
-
 // The sink counts with bare libmosquittopp, the same for both publishers.
 void BM_Publish64_Bare(benchmark::State& state) {
-    Arrivals received;
-    BareClient sink(received);
-    sink.subscribe_and_wait("bench/bare/flood", 0);
-    Arrivals unused;
-    BareClient client(unused);
-    for (auto _ : state) {
-        const uint64_t target = received.now() + kBatch;
-        for (int i = 0; i < kBatch; ++i) {
-            client.publish(nullptr, "bench/bare/flood", static_cast<int>(kPayload.size()),
-                           kPayload.data(), 0, false);
-        }
-        if (!received.wait_for(target)) {
-            state.SkipWithError("messages lost");
-            break;
-        }
-    }
-    state.SetItemsProcessed(state.iterations() * kBatch);
+    bench::bare_publish_throughput(state, g_broker->port(), "bench/bare/flood", kPayload);
 }
 
 void BM_Publish64_MqttClient(benchmark::State& state) {
     Arrivals received;
-    BareClient sink(received);
+    BareClient sink(received, g_broker->port());
     sink.subscribe_and_wait("bench/lib/flood", 0);
-    auto client = make_client("bench-pub");
+    auto client = make_client(g_broker->client_config("bench-pub"));
     const com::Message message(kPayload.data(), kPayload.size());
     for (auto _ : state) {
         const uint64_t target = received.now() + kBatch;
@@ -240,7 +146,7 @@ std::vector<std::string> dispatch_topics(const char* who, int count) {
 // Sends batches spread over all topics from a bare publisher and waits for all of them.
 void flood(benchmark::State& state, const std::vector<std::string>& topics, Arrivals& received) {
     Arrivals unused;
-    BareClient source(unused);
+    BareClient source(unused, g_broker->port());
     for (auto _ : state) {
         const uint64_t target = received.now() + kBatch;
         for (int i = 0; i < kBatch; ++i) {
@@ -261,7 +167,7 @@ void flood(benchmark::State& state, const std::vector<std::string>& topics, Arri
 void BM_Dispatch_Bare(benchmark::State& state) {
     const auto topics = dispatch_topics("bare", static_cast<int>(state.range(0)));
     Arrivals received;
-    BareClient client(received);
+    BareClient client(received, g_broker->port());
     for (const auto& topic : topics) {
         client.subscribe_and_wait(topic, 0);
     }
@@ -272,7 +178,7 @@ void BM_Dispatch_MqttClient(benchmark::State& state) {
     const auto topics = dispatch_topics("lib", static_cast<int>(state.range(0)));
     Arrivals received;
     auto observer = std::make_shared<CountingObserver>(received);
-    auto client = make_client("bench-dispatch");
+    auto client = make_client(g_broker->client_config("bench-dispatch"));
     for (const auto& topic : topics) {
         client->subscribe(topic, 0, observer);
     }

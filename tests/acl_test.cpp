@@ -286,7 +286,7 @@ TEST(AclOnBroker, UserLogsInAndIsAllowedAndRefusedAsItsListSays) {
     if (!test::Broker::available()) {
         GTEST_SKIP() << "mosquitto is not installed";
     }
-    sim::TestKit kit;
+    sim::TestKit kit({"aclifd.refused_users = intruder\n", ""});
     ASSERT_TRUE(kit.start()) << kit.error();
     test::MqttPeer watcher(kit.broker().host(), kit.broker().port());
     ASSERT_TRUE(watcher.wait_connected());
@@ -295,6 +295,8 @@ TEST(AclOnBroker, UserLogsInAndIsAllowedAndRefusedAsItsListSays) {
     auto created = com::create_acl_client(admin);
     ASSERT_TRUE(created.first);
     auto& acl = *created.second;
+    EXPECT_EQ(4, code(acl.add_mqtt_user("intruder", "pw")));
+    EXPECT_EQ(0, code(acl.add_websocket_user("webuser", "pw", 8080)));  // recorded only
     ASSERT_EQ(0, code(acl.add_mqtt_user("fleetapp", "s3cret")));
     ASSERT_EQ(0, code(acl.add_mqtt_acl("fleetapp", {"fleet/%c/inbox"}, {"fleet/outbox"}, {})));
 

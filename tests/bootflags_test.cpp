@@ -190,42 +190,23 @@ TEST_F(BootFlagsTest, ChangesAreRefusedOnTpa) {
 }
 
 TEST(BootFlagsText, EveryValueHasItsText) {
-    const std::pair<Client::BootBank, const char*> banks[] = {
-        {Client::BOOT_BANK_0, "0"},
-        {Client::BOOT_BANK_1, "1"},
-        {Client::BOOT_BANK_UNINITIALIZED, "Uninitialized"},
-        {Client::BootBank(2), "Not available"}};
-    for (const auto& bank : banks) {
-        EXPECT_STREQ(bank.second, Client::to_str(bank.first));
-    }
-    const std::pair<Client::BootMode, const char*> modes[] = {
-        {Client::BOOT_MODE_NORMAL, "Normal"},
-        {Client::BOOT_MODE_PRODUCTION_TEST, "Production test"},
-        {Client::BOOT_MODE_UNINITIALIZED, "Uninitialized"},
-        {Client::BootMode(254), "Not available"}};
-    for (const auto& mode : modes) {
-        EXPECT_STREQ(mode.second, Client::to_str(mode.first));
-    }
-    const std::pair<Client::BankSwitchCause, const char*> causes[] = {
-        {Client::CAUSE_NEVER_SWITCHED, "Never switched"},
-        {Client::CAUSE_UBOOT_WATCHDOG, "U-boot watch dog"},
-        {Client::CAUSE_SW_UPDATE, "SW update"},
-        {Client::CAUSE_TAVI, "TAVI"},
-        {Client::CAUSE_TAVI_0, "TAVI 0"},
-        {Client::CAUSE_TAVI_9, "TAVI 9"},
-        {Client::CAUSE_UNKNOWN, "Unknown"},
-        {Client::CAUSE_UNINITIALIZED, "Uninitialized"},
-        {Client::BankSwitchCause(18), "Not available"}};
-    for (const auto& cause : causes) {
-        EXPECT_STREQ(cause.second, Client::to_str(cause.first));
-    }
-    const std::pair<Client::SetResult, const char*> results[] = {
-        {Client::SET_SUCCESSFUL, "Successful"},
-        {Client::SET_INVALID_CAUSE, "Invalid bank switch cause"},
-        {Client::SET_VERIFY_FAILED, "Verify failed"},
-        {Client::SET_REFUSED_ON_TPA, "Not available"}};
-    for (const auto& result : results) {
-        EXPECT_STREQ(result.second, Client::to_str(result.first));
+    const std::pair<const char*, const char*> cases[] = {
+        {Client::to_str(Client::BOOT_BANK_1), "1"},
+        {Client::to_str(Client::BOOT_BANK_UNINITIALIZED), "Uninitialized"},
+        {Client::to_str(Client::BootBank(2)), "Not available"},
+        {Client::to_str(Client::BOOT_MODE_PRODUCTION_TEST), "Production test"},
+        {Client::to_str(Client::BootMode(254)), "Not available"},
+        {Client::to_str(Client::CAUSE_UBOOT_WATCHDOG), "U-boot watch dog"},
+        {Client::to_str(Client::CAUSE_TAVI), "TAVI"},
+        {Client::to_str(Client::CAUSE_TAVI_0), "TAVI 0"},
+        {Client::to_str(Client::CAUSE_UNKNOWN), "Unknown"},
+        {Client::to_str(Client::CAUSE_UNINITIALIZED), "Uninitialized"},
+        {Client::to_str(Client::BankSwitchCause(18)), "Not available"},
+        {Client::to_str(Client::SET_INVALID_CAUSE), "Invalid bank switch cause"},
+        {Client::to_str(Client::SET_VERIFY_FAILED), "Verify failed"},
+        {Client::to_str(Client::SET_REFUSED_ON_TPA), "Not available"}};
+    for (const auto& c : cases) {
+        EXPECT_STREQ(c.second, c.first);
     }
 }
 

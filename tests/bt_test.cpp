@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <future>
 #include <mutex>
 
 #include "ecu/tavi/bt/bluetooth.h"
@@ -158,34 +157,6 @@ TEST_F(BtTest, RefusedOrUnansweredCallsFail) {
     EXPECT_THAT(log(), HasSubstr("[NOTICE]: [tavi.bt.discovery] Failed to stop Device "
                                  "Discovery\n"));
     EXPECT_FALSE(discovery->scanning());
-}
-
-// Starts a scan from inside an observer, i.e. on the network thread.
-class ScanningObserver : public com::ISubscriptionObserver {
-public:
-    explicit ScanningObserver(std::shared_ptr<IDiscoveryManager> discovery)
-        : m_discovery(std::move(discovery)) {}
-    void message(const std::string&, const com::Message&) override {
-        m_answer.set_value(m_discovery->start_scan());
-    }
-    std::promise<bool> m_answer;
-
-private:
-    std::shared_ptr<IDiscoveryManager> m_discovery;
-};
-
-TEST_F(BtTest, ScanInsideAnObserverIsRefusedAtOnce) {
-    auto bt = client();
-    auto observer = std::make_shared<ScanningObserver>(bt->discovery_manager());
-    auto answer = observer->m_answer.get_future();
-    m_app->subscribe("app/trigger", 0, observer);
-    ASSERT_TRUE(m_app->wait_ready(10s));
-    ASSERT_EQ(0, m_peer->publish("app/trigger", std::string("go")));
-    ASSERT_EQ(std::future_status::ready, answer.wait_for(10s));
-    EXPECT_FALSE(answer.get());
-    EXPECT_THAT(log(), HasSubstr("[ERROR]: [tavi.bt.discovery] MqttDiscoveryManager::start_scan "
-                                 "called on the transport's network thread"));
-    m_app->unsubscribe("app/trigger", observer);
 }
 
 }  // namespace

@@ -13,25 +13,27 @@
 #include <memory>
 #include <string>
 
+#include "bare_roundtrip.h"
 #include "ecu/tavi/com/backend.h"
+#include "ecu/tavi/com/client.h"
 #include "ecu/tavi/com/messageadapter.h"
 #include "ecu/tavi/com/protocol_types.h"
 #include "ecu/tavi/logging/logging.h"
 #include "ecu/tavi/pb/backend.pb.h"
 #include "ecu/tavi/sim/testkit.h"
-#include "transport_bench_support.h"
 
 namespace {
 
 using namespace ecu::tavi;
 using bench::Arrivals;
+using bench::BareClient;
 using bench::kBatch;
+using bench::kPayload;
 
 sim::TestKit* g_kit = nullptr;
-const std::string kPayload(64, 'x');
 
 void BM_Publish64_BareOneWay(benchmark::State& state) {
-    bench::bare_publish_throughput(state, g_kit->broker().port(), "bench/bare/flood", kPayload);
+    bench::bare_publish_throughput(state, "bench/bare/flood");
 }
 
 void BM_ProxyPublish64_Bare(benchmark::State& state) {
@@ -47,10 +49,10 @@ void BM_ProxyPublish64_Bare(benchmark::State& state) {
             .value()
             .get_data();
     Arrivals answers;
-    bench::BareClient sink(answers, g_kit->broker().port());
+    BareClient sink(answers);
     sink.subscribe_and_wait("app/bench-bare/be/response", 0);
     Arrivals unused;
-    bench::BareClient client(unused, g_kit->broker().port());
+    BareClient client(unused);
     for (auto _ : state) {
         const uint64_t target = answers.now() + 2 * kBatch;  // queued and delivered
         for (int i = 0; i < kBatch; ++i) {
@@ -66,9 +68,11 @@ void BM_ProxyPublish64_Bare(benchmark::State& state) {
 }
 
 void BM_BackendPublish64_WithCallback(benchmark::State& state) {
-    std::shared_ptr<com::ITransportClient> transport =
-        bench::make_client(g_kit->client_config("bench-be"));
+    auto config = g_kit->client_configuration("bench-be");
+    std::shared_ptr<com::ITransportClient> transport = com::create_mqtt_client(config);
+    transport->connect();
     auto backend = com::create_be_client(transport);
+    transport->start();
     transport->wait_ready(std::chrono::seconds(10));
     Arrivals finals;
     com::BackendClient::TxOptions options;
@@ -111,6 +115,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     g_kit = &kit;
+    bench::g_broker = &kit.broker();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

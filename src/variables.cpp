@@ -85,13 +85,14 @@ std::string VariablesClient::read(std::uint64_t& timestamp, const std::string& n
         INFO.do_flush();
         return default_value;
     }
-    m_cache[name];
-
-    // Unlocked, so that a retained value delivered at once can be stored. Repeated
-    // subscriptions of one name are absorbed by the transport.
-    lock.unlock();
-    m_transport->subscribe(kPrefix + name, 0, m_observer);
-    lock.lock();
+    // Subscribed once per name: the transport would deliver each message once per
+    // subscription, and the destructor unsubscribes each name once. Unlocked, so that a
+    // retained value delivered at once can be stored.
+    if (m_cache.try_emplace(name).second) {
+        lock.unlock();
+        m_transport->subscribe(kPrefix + name, 0, m_observer);
+        lock.lock();
+    }
 
     Variable& variable = m_cache[name];
     if (!variable.value.empty()) {

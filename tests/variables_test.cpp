@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <thread>
@@ -17,6 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 class VariablesTest : public test::PlatformClientTest {
 protected:
@@ -117,6 +119,28 @@ TEST_F(VariablesTest, BadDeliveriesAreLoggedAndDropped) {
     ASSERT_EQ(0, m_peer->publish("system/var/garbled", std::string("not framed")));
     EXPECT_TRUE(
         logged("[WARNING]: [tavi.variables] Failed to parse received variable 'garbled'\n"));
+}
+
+// Counts the messages of the topics it is subscribed to.
+class Counter : public com::ISubscriptionObserver {
+public:
+    void message(const std::string&, const com::Message&) override { ++m_count; }
+    std::atomic<int> m_count{0};
+};
+
+TEST_F(VariablesTest, DestroyedClientIsNoLongerCalledAfterRepeatedReads) {
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ("d", m_vars->get("gone", "d", 0));
+    }
+    m_vars.reset();
+    // Another observer of the topic proves the delivery was dispatched.
+    auto counter = std::make_shared<Counter>();
+    m_app->subscribe("system/var/gone", 0, counter);
+    ASSERT_TRUE(m_app->wait_ready(10s));
+    publish_var("gone", "late");
+    EXPECT_TRUE(test::wait_until([&] { return counter->m_count == 1; }));
+    EXPECT_THAT(log(), Not(HasSubstr("Received unrequested variable")));
+    m_app->unsubscribe("system/var/gone", counter);
 }
 
 // Keeps the answer of a read made on the network thread.

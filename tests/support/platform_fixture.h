@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -65,6 +66,13 @@ protected:
         return body ? body.value() : T();
     }
 
+    // A host name file naming the TPA partition, for _internal::ScopedOverrides.
+    const char* tpa_hostname() {
+        m_tpa_file = ::testing::TempDir() + "platform-hostname-tpa";
+        std::ofstream(m_tpa_file) << "ecu-tpa\n";
+        return m_tpa_file.c_str();
+    }
+
     std::string log() { return m_capture->text(); }
     bool logged(const std::string& text) {
         return wait_until([&] { return log().find(text) != std::string::npos; });
@@ -75,6 +83,7 @@ protected:
     std::unique_ptr<StdoutCapture> m_capture;
     std::unique_ptr<MqttPeer> m_peer;
     std::shared_ptr<com::ITransportClient> m_app;
+    std::string m_tpa_file;
 };
 
 }  // namespace ecu::tavi::test

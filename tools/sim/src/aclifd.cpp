@@ -108,13 +108,11 @@ public:
 
     Result<void, std::string> setup() override {
         m_dynsec = !options().dynsec_username.empty();
-        auto requests = observer([this](const auto& t, const auto& m) { request(t, m); });
-        transport().subscribe(kRequestTopic, 1, requests);
-        transport().subscribe(kRestGatewayTopic, 1, requests);
+        listen(kRequestTopic, [this](const auto& t, const auto& m) { request(t, m); });
+        listen(kRestGatewayTopic, [this](const auto& t, const auto& m) { request(t, m); });
         if (m_dynsec) {
-            transport().subscribe(
-                kControlResponseTopic, 1,
-                observer([this](const auto& t, const auto& m) { control_response(t, m); }));
+            listen(kControlResponseTopic,
+                   [this](const auto& t, const auto& m) { control_response(t, m); });
         }
         return Result<void, std::string>::ok();
     }
@@ -129,10 +127,7 @@ private:
     void answer(const std::string& reply_topic, int result) {
         pb::AclIfMessage message;
         message.mutable_response()->set_result(result);
-        auto framed = m_adapter.serialize(message);
-        if (framed) {
-            send(reply_topic, framed.value());
-        }
+        send_framed(reply_topic, message, com::PROTOCOL_ACL);
     }
 
     void request(const std::string& topic, const com::Message& message) {

@@ -43,16 +43,6 @@ unsigned long number_or(const std::string& text, unsigned long fallback) {
     return is_number(text) ? std::strtoul(text.c_str(), nullptr, 10) : fallback;
 }
 
-template <typename T>
-com::Message framed(const T& body, bool retain) {
-    auto result = com::PbInternalMessageAdapter<T>(com::PROTOCOL_BACKEND_PROXY).serialize(body);
-    com::Message message = result ? result.value() : com::Message();
-    // The state is kept by the broker; answers are not worth an acknowledgement.
-    message.set_qos(retain ? 1 : 0);
-    message.set_retain(retain);
-    return message;
-}
-
 class Beproxyd : public Daemon {
 public:
     Beproxyd() : Daemon("beproxyd") {}
@@ -92,8 +82,7 @@ public:
     }
 
     Result<void, std::string> setup() override {
-        transport().subscribe(kTransmitTopic, 0,
-                              observer([this](const auto&, const auto& m) { transmitted(m); }));
+        listen(kTransmitTopic, [this](const auto&, const auto& m) { transmitted(m); });
         return Result<void, std::string>::ok();
     }
 
@@ -101,7 +90,7 @@ public:
         pb::BackendProxyStatus status;
         status.set_status(offline() ? pb::BackendProxyStatus::PROXY_DISCONNECTED
                                     : pb::BackendProxyStatus::PROXY_CONNECTED);
-        send(kStatusTopic, framed(status, true));
+        send_framed(kStatusTopic, status, com::PROTOCOL_BACKEND_PROXY, true);
         const auto size =
             static_cast<std::uint32_t>(number_or(unit().get(kQueueSizeKey), kDefaultQueueSize));
         pb::BackendProxyQueueStatus queue;
@@ -109,17 +98,12 @@ public:
         queue.set_available(size);
         queue.set_in_flight(0);
         queue.set_kl30robust(0);
-        send(kQueueStatusTopic, framed(queue, true));
+        send_framed(kQueueStatusTopic, queue, com::PROTOCOL_BACKEND_PROXY, true);
     }
 
     void teardown() override {
-        // Applications of a later run must not see this run's proxy state.
-        com::Message clear;
-        clear.set_qos(1);
-        clear.set_retain(true);
-        for (const char* topic : {kStatusTopic, kQueueStatusTopic}) {
-            transport().publish_wait_ack(topic, clear, std::chrono::seconds(2));
-        }
+        clear_retained(kStatusTopic);
+        clear_retained(kQueueStatusTopic);
     }
 
 private:
@@ -145,11 +129,11 @@ private:
             pb::BackendProxyResponse response;
             response.set_request_id(transmit.request_id());
             response.set_status(pb::BackendProxyResponse::QUEUED);
-            send(reply_topic, framed(response, false));
+            send_framed(reply_topic, response, com::PROTOCOL_BACKEND_PROXY);
             response.set_status(behaviour == "fail"      ? pb::BackendProxyResponse::FAILED
                                 : behaviour == "offline" ? pb::BackendProxyResponse::EXPIRED
                                                          : pb::BackendProxyResponse::DELIVERED);
-            send(reply_topic, framed(response, false), delay);
+            send_framed(reply_topic, response, com::PROTOCOL_BACKEND_PROXY, false, delay);
         }
         const auto echoed = unit().get_list(kEchoKey);
         const std::string id = std::to_string(transmit.content_id());

@@ -63,21 +63,29 @@ void Daemon::detach() {
 }
 
 namespace {
+
 class HandlerObserver : public com::ISubscriptionObserver {
 public:
-    using Handler = std::function<void(const std::string&, const com::Message&)>;
-    explicit HandlerObserver(Handler handler) : m_handler(std::move(handler)) {}
+    explicit HandlerObserver(Daemon::Handler handler) : m_handler(std::move(handler)) {}
     void message(const std::string& topic, const com::Message& message) override {
         m_handler(topic, message);
     }
 
 private:
-    Handler m_handler;
+    Daemon::Handler m_handler;
 };
+
 }  // namespace
 
-std::shared_ptr<com::ISubscriptionObserver> Daemon::observer(Handler handler) {
-    return std::make_shared<HandlerObserver>(std::move(handler));
+void Daemon::listen(const std::string& topic, Handler handler) {
+    m_transport->subscribe(topic, 1, std::make_shared<HandlerObserver>(std::move(handler)));
+}
+
+void Daemon::clear_retained(const std::string& topic) {
+    com::Message clear;
+    clear.set_qos(1);
+    clear.set_retain(true);
+    m_transport->publish_wait_ack(topic, clear, std::chrono::seconds(2));
 }
 
 void Daemon::send(const std::string& topic, const com::Message& message,

@@ -100,10 +100,8 @@ public:
                  << options().rt_support_library;
             INFO.do_flush();
         }
-        transport().subscribe(kRelayFilter, 1,
-                              observer([this](const auto& t, const auto& m) { relay(t, m); }));
-        transport().subscribe(kAnnouncementTopic, 1,
-                              observer([this](const auto& t, const auto& m) { announced(t, m); }));
+        listen(kRelayFilter, [this](const auto& t, const auto& m) { relay(t, m); });
+        listen(kAnnouncementTopic, [this](const auto& t, const auto& m) { announced(t, m); });
         return Result<void, std::string>::ok();
     }
 

@@ -116,7 +116,10 @@ private:
     std::uint64_t m_responses = 0;
 };
 
-// Reads the unit's "hwversion" (up to 60 s); (false, empty) unless it is "vcm".
+// Reads the unit's "hwversion" (up to 60 s) through a variables client of its own;
+// (false, empty) unless it is "vcm". Create it before another variables client of the same
+// transport has read "hwversion": the transport subscribes a topic once, so a second reader
+// of it would not get the retained value again.
 TAVI_EXPORT std::pair<bool, std::shared_ptr<AclClient>> create_acl_client(
     std::shared_ptr<ITransportClient>& transport);
 

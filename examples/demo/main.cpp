@@ -270,11 +270,10 @@ Outcome show_boot_flags(platform::BootFlagsClient& flags) {
     if (!flags.current_bank().first) {
         return {false, "no flags on system/bootflags"};
     }
-    std::string lines = flags.boot_flags_string(true);
-    for (size_t at = 0; (at = lines.find('\n', at)) + 1 < lines.size(); at += 2) {
-        lines.insert(at + 1, "        ");
+    std::istringstream lines(flags.boot_flags_string(true));
+    for (std::string line; std::getline(lines, line);) {
+        std::printf("        %s\n", line.c_str());
     }
-    std::printf("        %s", lines.c_str());
     return {true, flags.boot_flags_string(false)};
 }
 

@@ -6,9 +6,6 @@
 // Round trips report their median and 99th percentile as counters (p50_us, p99_us).
 #include <benchmark/benchmark.h>
 #include <mosquittopp.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
@@ -21,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "bare_mqtt.h"
+#include "bare_roundtrip.h"
 #include "ecu/tavi/com/message.h"
 #include "ecu/tavi/config/configuration.h"
 #include "ecu/tavi/logging/logging.h"
@@ -32,10 +29,14 @@
 namespace {
 
 using namespace ecu::tavi;
-using namespace ecu::tavi::bench;
+using bench::Arrivals;
+using bench::BareClient;
+using bench::g_broker;
+using bench::kBatch;
+using bench::kPayload;
+using bench::make_echo;
+using bench::report_latencies;
 using Clock = std::chrono::steady_clock;
-
-test::Broker* g_broker = nullptr;
 
 class CountingObserver : public com::ISubscriptionObserver {
 public:
@@ -56,15 +57,13 @@ std::unique_ptr<com::MqttClient> make_client(const std::string& name) {
     return client;
 }
 
-const std::string kPayload(64, 'x');
-
 void BM_RoundTrip_Bare(benchmark::State& state) {
-    bare_round_trip(state, *g_broker, static_cast<int>(state.range(0)), kPayload);
+    bench::bare_round_trip(state, static_cast<int>(state.range(0)));
 }
 
 void BM_RoundTrip_MqttClient(benchmark::State& state) {
     const auto qos = static_cast<uint8_t>(state.range(0));
-    auto echo = make_echo(*g_broker, "bench/lib/req", "bench/lib/resp");
+    auto echo = make_echo("bench/lib/req", "bench/lib/resp");
     Arrivals arrivals;
     auto client = make_client("bench-rt");
     client->subscribe("bench/lib/resp", qos, std::make_shared<CountingObserver>(arrivals));
@@ -86,32 +85,14 @@ void BM_RoundTrip_MqttClient(benchmark::State& state) {
     client->stop();
 }
 
-constexpr int kBatch = 1000;
-
 // The sink counts with bare libmosquittopp, the same for both publishers.
 void BM_Publish64_Bare(benchmark::State& state) {
-    Arrivals received;
-    BareClient sink(received, *g_broker);
-    sink.subscribe_and_wait("bench/bare/flood", 0);
-    Arrivals unused;
-    BareClient client(unused, *g_broker);
-    for (auto _ : state) {
-        const uint64_t target = received.now() + kBatch;
-        for (int i = 0; i < kBatch; ++i) {
-            client.publish(nullptr, "bench/bare/flood", static_cast<int>(kPayload.size()),
-                           kPayload.data(), 0, false);
-        }
-        if (!received.wait_for(target)) {
-            state.SkipWithError("messages lost");
-            break;
-        }
-    }
-    state.SetItemsProcessed(state.iterations() * kBatch);
+    bench::bare_publish_throughput(state, "bench/bare/flood");
 }
 
 void BM_Publish64_MqttClient(benchmark::State& state) {
     Arrivals received;
-    BareClient sink(received, *g_broker);
+    BareClient sink(received);
     sink.subscribe_and_wait("bench/lib/flood", 0);
     auto client = make_client("bench-pub");
     const com::Message message(kPayload.data(), kPayload.size());
@@ -142,7 +123,7 @@ std::vector<std::string> dispatch_topics(const char* who, int count) {
 // Sends batches spread over all topics from a bare publisher and waits for all of them.
 void flood(benchmark::State& state, const std::vector<std::string>& topics, Arrivals& received) {
     Arrivals unused;
-    BareClient source(unused, *g_broker);
+    BareClient source(unused);
     for (auto _ : state) {
         const uint64_t target = received.now() + kBatch;
         for (int i = 0; i < kBatch; ++i) {
@@ -163,7 +144,7 @@ void flood(benchmark::State& state, const std::vector<std::string>& topics, Arri
 void BM_Dispatch_Bare(benchmark::State& state) {
     const auto topics = dispatch_topics("bare", static_cast<int>(state.range(0)));
     Arrivals received;
-    BareClient client(received, *g_broker);
+    BareClient client(received);
     for (const auto& topic : topics) {
         client.subscribe_and_wait(topic, 0);
     }
@@ -194,16 +175,5 @@ BENCHMARK(BM_Dispatch_MqttClient)->Arg(10)->Arg(1000)->UseRealTime()->MinTime(1.
 }  // namespace
 
 int main(int argc, char** argv) {
-    logging::set_log_level(3);  // errors only: the transport logs every publish at DEBUG
-    mosqpp::lib_init();
-    test::Broker broker;
-    if (!broker.start()) {
-        std::fprintf(stderr, "cannot start mosquitto\n");
-        return 1;
-    }
-    g_broker = &broker;
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return bench::run_with_broker(argc, argv);
 }

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "bare_mqtt.h"
+#include "bare_roundtrip.h"
 #include "ecu/tavi/com/client.h"
 #include "ecu/tavi/diag/uds_client.h"
 #include "ecu/tavi/logging/logging.h"
@@ -21,14 +21,11 @@ using Clock = std::chrono::steady_clock;
 
 sim::TestKit* g_kit = nullptr;
 
-// About the size of a framed UDS request.
-const std::string kPayload(64, 'x');
-
 // ReadDataByIdentifier of the VIN, answered from the unit's table; each iteration makes one
 // bare exchange and one UDS request in turn, so that both meet the same load. Reports
 // bare_p50_us, uds_p50_us (and p99) and their ratio.
 void BM_RoundTrip_UdsRequestVsBare(benchmark::State& state) {
-    bench::BareRoundTrip bare(g_kit->broker(), 1, kPayload);
+    bench::BareRoundTrip bare(1);
     auto configuration = g_kit->client_configuration("bench-uds");
     auto transport = com::create_client(configuration, com::MQTT);
     auto uds = diag::create_uds_client(transport, nullptr);
@@ -78,6 +75,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     g_kit = &kit;
+    bench::g_broker = &kit.broker();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

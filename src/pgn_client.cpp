@@ -14,9 +14,10 @@
 #include "ecu/tavi/com/protocol_types.h"
 #include "ecu/tavi/logging/logging.h"
 #include "ecu/tavi/pb/pgn.pb.h"
-#include "partition_internal.h"
+#include "overrides.h"
 #include "sync_call.h"
 #include "topics.h"
+#include "tpa.h"
 
 namespace ecu::tavi::diag {
 
@@ -146,7 +147,7 @@ Result<void, PgnRequestClient::Error> PgnRequestClientImpl::get_request_token(
                 DEBUG.do_flush();
                 // The pause is taken with the lock held: one request at a time per client.
                 std::this_thread::sleep_for(
-                    com::_internal::fixed_pause(std::chrono::seconds(kBusyPauseSeconds)));
+                    tavi::_internal::fixed_wait(std::chrono::seconds(kBusyPauseSeconds)));
                 break;
         }
         if (std::chrono::steady_clock::now() >= deadline) {

@@ -10,7 +10,6 @@
 // the transport while holding its own mutex: subscribe first, then lock.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -64,16 +63,17 @@ SyncStatus publish_and_wait(ITransportClient& transport,
     return cv.wait_until(lock, deadline, answered) ? SyncStatus::ANSWERED : SyncStatus::TIMED_OUT;
 }
 
-// Fixed pauses of the protocols (seconds long, such as the PGN daemon's busy retry) go
-// through here, so that the project's own tests can shorten them. Applications never change
-// the percentage: it is not part of the installed headers.
-inline std::atomic<unsigned>& fixed_pause_percent() {
-    static std::atomic<unsigned> percent{100};
-    return percent;
-}
-
-inline std::chrono::milliseconds fixed_pause(std::chrono::milliseconds nominal) {
-    return nominal * fixed_pause_percent().load(std::memory_order_relaxed) / 100;
+// The same wait without a request: for answers that a subscription alone brings (retained
+// messages, periodic status). Never NOT_SENT.
+template <typename Answered>
+SyncStatus wait_for_answer(const ITransportClient& transport,
+                           const std::shared_ptr<logging::LogModule>& log, const char* call,
+                           std::unique_lock<std::mutex>& lock, std::condition_variable& cv,
+                           std::chrono::steady_clock::time_point deadline, Answered answered) {
+    if (refuse_on_network_thread(transport, log, call)) {
+        return SyncStatus::REFUSED;
+    }
+    return cv.wait_until(lock, deadline, answered) ? SyncStatus::ANSWERED : SyncStatus::TIMED_OUT;
 }
 
 }  // namespace ecu::tavi::com::_internal

@@ -18,9 +18,9 @@
 #include "ecu/tavi/com/protocol_types.h"
 #include "ecu/tavi/logging/logging.h"
 #include "ecu/tavi/pb/uds.pb.h"
-#include "partition_internal.h"
 #include "sync_call.h"
 #include "topics.h"
+#include "tpa.h"
 
 namespace ecu::tavi::diag {
 

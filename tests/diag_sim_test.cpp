@@ -11,6 +11,7 @@
 #include "ecu/tavi/diag/uds_client.h"
 #include "ecu/tavi/rt/signaladapter.h"
 #include "ecu/tavi/sim/testkit.h"
+#include "overrides.h"
 #include "support/scripted_daemon.h"
 #include "sync_call.h"
 
@@ -46,7 +47,7 @@ protected:
         ASSERT_TRUE(test::start_app(*m_app));
     }
     void TearDown() override {
-        com::_internal::fixed_pause_percent() = 100;
+        tavi::_internal::g_fixed_wait_divisor = 1;
         m_uds.reset();
         m_pgn.reset();
         m_maint.reset();
@@ -94,7 +95,7 @@ TEST_F(DiagSimTest, UdsInterfaceIsLentAnsweredFromTheUnitAndGivenBack) {
 }
 
 TEST_F(DiagSimTest, PgnTokensAndAMaintenanceRequest) {
-    com::_internal::fixed_pause_percent() = 5;
+    tavi::_internal::g_fixed_wait_divisor = 20;
     ASSERT_TRUE(m_kit.simulator().set_unit_value("pgn.busy_answers", "2").has_value());
     EXPECT_TRUE(m_pgn->get_request_token("65226", 5s));
     m_pgn->release_token("65226");

@@ -11,7 +11,7 @@
 #include "ecu/tavi/com/protocol_types.h"
 #include "ecu/tavi/logging/logging.h"
 #include "ecu/tavi/pb/pgn.pb.h"
-#include "partition_internal.h"
+#include "overrides.h"
 #include "support/scripted_daemon.h"
 #include "sync_call.h"
 
@@ -42,7 +42,7 @@ protected:
         ASSERT_TRUE(m_client);
     }
     void drop_client() override {
-        com::_internal::fixed_pause_percent() = 100;
+        tavi::_internal::g_fixed_wait_divisor = 1;
         m_client.reset();
     }
 
@@ -95,7 +95,7 @@ TEST_F(PgnClientTest, RefusalsEndTheRequestWithTheirError) {
 }
 
 TEST_F(PgnClientTest, BusyDaemonIsAskedAgainAfterThePause) {
-    com::_internal::fixed_pause_percent() = 10;
+    tavi::_internal::g_fixed_wait_divisor = 10;
     answer_with({Result_::ECU_BUSY, Result_::TOKEN_ACQUIRED});
     EXPECT_TRUE(m_client->get_request_token("65226", 1s));
     EXPECT_EQ(2u, m_daemon->requests().size());
@@ -103,13 +103,13 @@ TEST_F(PgnClientTest, BusyDaemonIsAskedAgainAfterThePause) {
 }
 
 TEST_F(PgnClientTest, TimeOutShorterThanTheBusyPauseEndsAfterIt) {
-    com::_internal::fixed_pause_percent() = 75;  // 1.5 s
+    // The whole 2 s pause: the shortest time-out is 1 s.
     answer_with({Result_::ECU_BUSY});
     const auto start = std::chrono::steady_clock::now();
     const auto token = m_client->get_request_token("65226", 1s);
     ASSERT_FALSE(token);
     EXPECT_EQ(PgnRequestClient::Timeout, token.error());
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 1500ms);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 2000ms);
     EXPECT_EQ(1u, m_daemon->requests().size());
     EXPECT_THAT(log(), HasSubstr("[INFO]: [tavi.diag.pgn] PGN request token for 65226 timed out"));
 }
@@ -144,12 +144,11 @@ TEST(PgnClientStatic, ErrorTextsAndTpaRefusal) {
 
     const std::string hostname = ::testing::TempDir() + "pgn-hostname";
     std::ofstream(hostname) << "tpa-01\n";
-    _internal::set_partition_hostname_file(hostname);
+    const _internal::ScopedOverrides tpa(1, hostname.c_str());
     std::shared_ptr<com::ITransportClient> transport;
     logging::set_log_mode(logging::STDOUT);
     const std::string log =
         test::log_of([&] { EXPECT_FALSE(create_pgn_request_client(transport)); });
-    _internal::set_partition_hostname_file("/etc/hostname");
     EXPECT_THAT(log, HasSubstr("[ERROR]: [tavi.diag.pgn] Cannot create PGN client on TPA "
                                "partition."));
 }

@@ -12,7 +12,7 @@
 #include "ecu/tavi/com/protocol_types.h"
 #include "ecu/tavi/logging/logging.h"
 #include "ecu/tavi/pb/uds.pb.h"
-#include "partition_internal.h"
+#include "overrides.h"
 #include "support/scripted_daemon.h"
 
 namespace ecu::tavi::diag {
@@ -267,12 +267,11 @@ TEST_F(UdsClientTest, SynchronousCallsInsideTheObserverAreRefusedAtOnce) {
 TEST(UdsClientPartition, RefusedOnTpa) {
     const std::string hostname = ::testing::TempDir() + "uds-hostname";
     std::ofstream(hostname) << "tpa-01\n";
-    _internal::set_partition_hostname_file(hostname);
+    const _internal::ScopedOverrides tpa(1, hostname.c_str());
     std::shared_ptr<com::ITransportClient> transport;
     logging::set_log_mode(logging::STDOUT);
     const std::string log =
         test::log_of([&] { EXPECT_FALSE(create_uds_client(transport, nullptr)); });
-    _internal::set_partition_hostname_file("/etc/hostname");
     EXPECT_THAT(log, HasSubstr("[ERROR]: [tavi.diag.uds] Cannot create UDS client on TPA "
                                "partition."));
 }

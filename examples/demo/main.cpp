@@ -21,10 +21,15 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <random>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "ecu/tavi/bt/bluetooth.h"
+#include "ecu/tavi/com/acl.h"
+#include "ecu/tavi/com/backend.h"
 #include "ecu/tavi/com/client.h"
 #include "ecu/tavi/com/message.h"
 #include "ecu/tavi/com/messageadapter.h"
@@ -34,8 +39,12 @@
 #include "ecu/tavi/diag/pgn_client.h"
 #include "ecu/tavi/diag/uds_client.h"
 #include "ecu/tavi/logging/logging.h"
+#include "ecu/tavi/pb/backend.pb.h"
 #include "ecu/tavi/pb/logconfig.pb.h"
+#include "ecu/tavi/platform/bootflags.h"
 #include "ecu/tavi/rt/signaladapter.h"
+#include "ecu/tavi/var/sysparams.h"
+#include "ecu/tavi/var/variables.h"
 
 using namespace ecu::tavi;
 using namespace std::chrono_literals;
@@ -265,6 +274,242 @@ Outcome maintenance_request(diag::MaintenanceRequestClient& maint,
                       std::to_string(response.weiteretermine) + " further dates"};
 }
 
+// --- Platform services: variables, system parameters, boot flags, Bluetooth -------------
+
+// The clients of the platform services, made before connecting so that their retained
+// state is in by the time the steps run.
+struct PlatformClients {
+    std::shared_ptr<var::VariablesClient> vars;
+    std::shared_ptr<var::SysParamsClient> params;
+    std::shared_ptr<platform::BootFlagsClient> flags;
+    std::shared_ptr<bt::BluetoothClient> bt;
+};
+
+Outcome read_variables(var::VariablesClient& vars) {
+    const std::string hw = vars.get("hwversion", "", 2000);
+    const std::string missing = vars.get("no_such_variable", "<default>", 200);
+    if (hw.empty() || missing != "<default>") {
+        return {false, "hwversion '" + hw + "', no_such_variable '" + missing + "'"};
+    }
+    return {true, "hwversion = " + hw + ", no_such_variable = " + missing + " (default)"};
+}
+
+Outcome change_sysparam(var::SysParamsClient& params) {
+    params.set_receive_timeout(2000);
+    auto table = params.get_all(true);
+    if (table.empty()) {
+        return {false, "no table on system/sysparams"};
+    }
+    auto& entry = table.begin()->second;
+    const std::string before = entry.value();
+    entry.set_value(before + "0");
+    params.set_all(table);
+    const auto written = params.write();
+    entry.set_value(before);  // put the unit back as it was
+    params.set_all(table);
+    const auto restored = params.write();
+    if (!written.success || !restored.success) {
+        return {false, "write status " + std::to_string(written.status) + ", restore status " +
+                           std::to_string(restored.status)};
+    }
+    return {true, std::to_string(table.size()) + " parameters; " + entry.name() + " " + before +
+                      " -> " + before + "0 verified, restored"};
+}
+
+Outcome show_boot_flags(platform::BootFlagsClient& flags) {
+    if (!flags.current_bank().first) {
+        return {false, "no flags on system/bootflags"};
+    }
+    std::istringstream lines(flags.boot_flags_string(true));
+    for (std::string line; std::getline(lines, line);) {
+        std::printf("        %s\n", line.c_str());
+    }
+    return {true, flags.boot_flags_string(false)};
+}
+
+Outcome switch_banks(platform::BootFlagsClient& flags) {
+    using Flags = platform::BootFlagsClient;
+    const auto running = flags.current_bank().second;
+    const auto result = flags.switch_bank(Flags::CAUSE_TAVI);
+    if (result != Flags::SET_SUCCESSFUL) {
+        return {false, Flags::to_str(result)};
+    }
+    return {true, std::string("bank ") + Flags::to_str(flags.selected_bank().second) +
+                      " selected for the next boot (running " + Flags::to_str(running) + ")"};
+}
+
+// Keeps the devices of the latest scan results.
+class DeviceList : public bt::IDiscoveryObserver {
+public:
+    void discovery_result(const bt::DiscoveryResult& result) override {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_devices = result.devices();
+        }
+        m_cv.notify_all();
+    }
+    std::vector<bt::Device> wait(std::chrono::milliseconds timeout) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_cv.wait_for(lock, timeout, [&] { return !m_devices.empty(); });
+        return m_devices;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+    std::vector<bt::Device> m_devices;
+};
+
+Outcome bluetooth_scan(bt::BluetoothClient& client) {
+    if (!client.available() || !client.operational()) {
+        return {false, "the Bluetooth service is not operational"};
+    }
+    auto devices = std::make_shared<DeviceList>();
+    auto discovery = client.discovery_manager();
+    discovery->register_observer(devices);
+    if (!discovery->start_scan()) {
+        return {false, "the discovery did not start"};
+    }
+    const auto found = devices->wait(2s);
+    const bool stopped = discovery->stop_scan();
+    std::string detail = "operational; found";
+    for (const auto& device : found) {
+        detail += " " + device.name() + " (" + device.address() + ", " +
+                  std::to_string(device.rssi()) + " dBm)";
+    }
+    return {!found.empty() && stopped, found.empty() ? "no device found" : detail};
+}
+
+// --- Access control: a broker user with an access list, proven by logging in as it ------
+
+// The user logs in under its own name as client name, which "%c" stands for.
+const char* const kDemoUser = "tavidemo";
+
+struct DemoUser {
+    std::string password;
+    std::shared_ptr<com::AclClient> acl;
+};
+
+Outcome acl_create_user(std::shared_ptr<com::ITransportClient>& transport, DemoUser& user) {
+    auto created = com::create_acl_client(transport);
+    if (!created.first) {
+        return {false, "no ACL client: the unit's hwversion is not vcm (see the log)"};
+    }
+    user.acl = created.second;
+    user.password = "pw" + std::to_string(std::random_device()());
+    if (!user.acl->add_mqtt_user(kDemoUser, user.password).has_value()) {
+        return {false, std::string("aclifd did not create the user ") + kDemoUser};
+    }
+    if (!user.acl->add_mqtt_acl(kDemoUser, {"demo/%c/inbox"}, {"demo/outbox"}, {}).has_value()) {
+        return {false, "aclifd did not grant the access list"};
+    }
+    return {true, std::string("user ") + kDemoUser +
+                      ": subscribe demo/%c/inbox, publish demo/outbox (+ log control)"};
+}
+
+Outcome acl_log_in_as_user(com::ITransportClient& transport, const std::shared_ptr<Inbox>& inbox,
+                           config::Configuration& configuration, const DemoUser& user) {
+    const std::string own_inbox = std::string("demo/") + kDemoUser + "/inbox";
+    std::istringstream text(
+        "client_name = " + std::string(kDemoUser) + "\nhost = " + configuration.get("host") +
+        "\nport = " + configuration.get("port") + "\nlogin_username = " + kDemoUser +
+        "\nlogin_password = " + user.password + "\n");
+    auto user_config = config::Configuration::create_from_input(text);
+    user_config->verify();
+    auto as_user = com::create_mqtt_client(user_config);
+    auto user_inbox = std::make_shared<Inbox>();
+    as_user->subscribe("demo/other/inbox", 0, user_inbox);  // not on its list
+    as_user->subscribe(own_inbox, 0, user_inbox);
+    auto connecting = std::async(std::launch::async, [&] { return as_user->connect(); });
+    if (connecting.wait_for(kAnswerTimeout) != std::future_status::ready || !connecting.get()) {
+        as_user->disconnect();
+        connecting.wait();
+        return {false, std::string("the broker did not let ") + kDemoUser + " log in"};
+    }
+    as_user->start();
+    transport.subscribe("demo/#", 0, inbox);
+    std::string failure;
+    if (!as_user->wait_ready(10s) || !transport.wait_ready(10s)) {
+        failure = "subscriptions not acknowledged";
+    }
+    const com::Message data("demo", 4);
+    // Each refused message goes first: once the allowed one is through, the other would
+    // have been as well.
+    transport.publish("demo/other/inbox", data);
+    transport.publish(own_inbox, data);
+    if (failure.empty() && !user_inbox->wait(own_inbox, kAnswerTimeout)) {
+        failure = "nothing arrived on " + own_inbox;
+    } else if (failure.empty() && user_inbox->wait("demo/other/inbox", 0ms)) {
+        failure = "the user received demo/other/inbox, which its list does not allow";
+    }
+    as_user->publish("demo/secret", data);
+    as_user->publish("demo/outbox", data);
+    if (failure.empty() && !inbox->wait("demo/outbox", kAnswerTimeout)) {
+        failure = "the user's demo/outbox did not arrive";
+    } else if (failure.empty() && inbox->wait("demo/secret", 0ms)) {
+        failure = "the user could publish on demo/secret, which its list does not allow";
+    }
+    as_user->stop();
+    transport.unsubscribe("demo/#", inbox);
+    user.acl->rm_mqtt_user(kDemoUser);
+    if (!failure.empty()) {
+        return {false, failure};
+    }
+    return {true, "logged in as " + std::string(kDemoUser) + ": " + own_inbox +
+                      " and demo/outbox pass, demo/other/inbox and demo/secret refused"};
+}
+
+// --- Backend: content out through the proxy, results and the backend's echo back -------
+
+// A content id the sample unit's backend echoes (backend.echo_content_ids).
+const unsigned int kEchoContentId = 4242;
+
+Outcome backend_round_trip(std::shared_ptr<com::ITransportClient>& transport) {
+    auto backend = com::create_be_client(transport);
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::vector<int> statuses;
+    std::string echoed;
+    backend->add_content_callback(kEchoContentId, [&](unsigned int, const com::Message& m) {
+        std::lock_guard<std::mutex> lock(mutex);
+        echoed.assign(m.get_data().begin(), m.get_data().end());
+        cv.notify_all();
+    });
+    if (!transport->wait_ready(10s)) {
+        return {false, "content subscription not acknowledged"};
+    }
+    const std::string content = "hello backend";
+    com::BackendClient::TxOptions options;
+    options.ttl_s = 60;
+    options.response_callback = [&](std::uint64_t, int status) {
+        std::lock_guard<std::mutex> lock(mutex);
+        statuses.push_back(status);
+        cv.notify_all();
+    };
+    const auto id =
+        backend->publish(com::Message(content.data(), content.size()), kEchoContentId, options);
+    if (id == 0) {
+        return {false, "publish failed"};
+    }
+    std::unique_lock<std::mutex> lock(mutex);
+    if (!cv.wait_for(lock, kAnswerTimeout,
+                     [&] { return statuses.size() >= 2 && !echoed.empty(); })) {
+        return {false, "request " + std::to_string(id) + ": " + std::to_string(statuses.size()) +
+                           " statuses, " + (echoed.empty() ? "no echo" : "echo") +
+                           " (is beproxyd running?)"};
+    }
+    auto name = [](int status) {
+        return pb::BackendProxyResponse::Status_Name(
+            static_cast<pb::BackendProxyResponse::Status>(status));
+    };
+    const bool ok = statuses[0] == pb::BackendProxyResponse::QUEUED &&
+                    statuses[1] == pb::BackendProxyResponse::DELIVERED && echoed == content;
+    return {ok, "request " + std::to_string(id) + ": " + name(statuses[0]) + " then " +
+                    name(statuses[1]) + ", content " + std::to_string(kEchoContentId) +
+                    " echoed (" + std::to_string(echoed.size()) + " bytes)" +
+                    (backend->is_connected() ? ", proxy connected" : "")};
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -312,6 +557,9 @@ int main(int argc, char** argv) {
     auto uds = diag::create_uds_client(transport, nullptr);
     auto pgn = diag::create_pgn_request_client(transport);
     auto maint = diag::create_main_req_client(transport);
+    const PlatformClients platform{
+        var::create_var_client(transport), var::create_sysparams_client(transport),
+        platform::create_boot_flags_client(transport), bt::create_bt_client(transport)};
 
     Report report;
     const bool connected = report.run("connect", [&]() -> Outcome {
@@ -339,12 +587,30 @@ int main(int argc, char** argv) {
                    [&] { return change_log_level(*transport, *inbox, client); });
         report.run("real-time round trip",
                    [&] { return rt_round_trip(*transport, *inbox, support_library); });
+        // Before the variables step: a second reader of a variable the transport already
+        // holds would not get the retained value again, and the ACL client reads
+        // "hwversion" through a variables client of its own.
+        DemoUser user;
+        if (report.run("acl: create user", [&] { return acl_create_user(transport, user); })) {
+            report.run("acl: log in as user",
+                       [&] { return acl_log_in_as_user(*transport, inbox, *configuration, user); });
+        } else {
+            report.skip("acl: log in as user", "no user");
+        }
+        report.run("backend: send and echo", [&] { return backend_round_trip(transport); });
+        report.run("variables", [&] { return read_variables(*platform.vars); });
+        report.run("system parameters", [&] { return change_sysparam(*platform.params); });
+        report.run("boot flags", [&] { return show_boot_flags(*platform.flags); });
+        report.run("boot flags: switch", [&] { return switch_banks(*platform.flags); });
+        report.run("bluetooth scan", [&] { return bluetooth_scan(*platform.bt); });
     } else {
         if (!connected) {
             report.skip("readiness with IPCd", "not connected");
         }
         for (const char* step :
-             {"log control: query", "log control: change", "real-time round trip"}) {
+             {"log control: query", "log control: change", "real-time round trip",
+              "acl: create user", "acl: log in as user", "backend: send and echo", "variables",
+              "system parameters", "boot flags", "boot flags: switch", "bluetooth scan"}) {
             report.skip(step, "not ready");
         }
     }

@@ -123,16 +123,20 @@ bool MqttPeer::wait_connected(std::chrono::milliseconds timeout) {
 }
 
 bool MqttPeer::subscribe(const std::string& filter, int qos) {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_filters.emplace_back(filter, qos);
-    }
     if (!wait_connected()) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_filters.emplace_back(filter, qos);  // subscribed once it connects
         return false;
     }
     int mid = 0;
-    if (mosquitto_subscribe(m_mosq, &mid, filter.c_str(), qos) != MOSQ_ERR_SUCCESS) {
-        return false;
+    {
+        // Under the lock that on_connect takes: a filter it already subscribed would be
+        // subscribed twice, and a retained message delivered twice.
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_filters.emplace_back(filter, qos);
+        if (mosquitto_subscribe(m_mosq, &mid, filter.c_str(), qos) != MOSQ_ERR_SUCCESS) {
+            return false;
+        }
     }
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_cv.wait_for(lock, std::chrono::seconds(10), [&] {

@@ -51,7 +51,12 @@ Broker connection (in brackets the library's configuration key it sets):
       --connect-timeout S  give up when a daemon is not connected after S seconds,
                            retrying every second meanwhile (default 10)
       --broker             first start a private mosquitto listening on HOST:PORT
-                           (PORT 0 picks a free one) and stop it on exit
+                           (PORT 0 picks a free one) and stop it on exit; it has
+                           mosquitto's dynamic security plugin, so that MQTT users
+                           created through aclifd are real
+      --dynsec-user USER   administrator of the broker's dynamic security plugin,
+                           with whom aclifd creates MQTT users; the password is
+                           read from TAVI_SIM_DYNSEC_PASSWORD in the environment
 
 Output:
       --log-level LEVEL    EMERG, ALERT, CRITICAL, ERROR, WARNING, NOTICE, INFO,
@@ -110,6 +115,7 @@ std::optional<int> parse_arguments(int argc, char** argv, Arguments& args) {
         TLS_CIPHERS,
         CONNECT_TIMEOUT,
         BROKER,
+        DYNSEC_USER,
         CHECK,
         LOG_LEVEL,
     };
@@ -131,6 +137,7 @@ std::optional<int> parse_arguments(int argc, char** argv, Arguments& args) {
         {"tls-ciphers", required_argument, nullptr, TLS_CIPHERS},
         {"connect-timeout", required_argument, nullptr, CONNECT_TIMEOUT},
         {"broker", no_argument, nullptr, BROKER},
+        {"dynsec-user", required_argument, nullptr, DYNSEC_USER},
         {"log-level", required_argument, nullptr, LOG_LEVEL},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
@@ -203,6 +210,12 @@ std::optional<int> parse_arguments(int argc, char** argv, Arguments& args) {
                 break;
             case BROKER:
                 args.start_broker = true;
+                break;
+            case DYNSEC_USER:
+                args.simulator.dynsec_username = optarg;
+                if (const char* password = std::getenv("TAVI_SIM_DYNSEC_PASSWORD")) {
+                    args.simulator.dynsec_password = password;
+                }
                 break;
             case LOG_LEVEL: {
                 auto level = parse_level(optarg);
@@ -298,6 +311,7 @@ int main(int argc, char** argv) {
         broker_options.host = value_or(args.simulator, "host", "127.0.0.1");
         broker_options.port =
             static_cast<uint16_t>(std::stoi(value_or(args.simulator, "port", "1883")));
+        broker_options.dynamic_security = true;
         broker = std::make_unique<sim::Broker>(broker_options);
         if (!broker->start()) {
             std::cerr << "tavi-sim: cannot start the broker: " << broker->error() << "\n";
@@ -305,6 +319,8 @@ int main(int argc, char** argv) {
         }
         args.simulator.connection["host"] = broker->host();
         args.simulator.connection["port"] = std::to_string(broker->port());
+        args.simulator.dynsec_username = sim::Broker::dynsec_admin();
+        args.simulator.dynsec_password = sim::Broker::dynsec_secret();
     }
 
     sim::Simulator simulator(args.simulator, unit.value());

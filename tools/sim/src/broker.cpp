@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <glob.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -26,6 +27,39 @@ namespace ecu::tavi::sim {
 namespace {
 
 const char* const kMosquitto = "/usr/sbin/mosquitto";
+const char* const kDynsecPluginPattern = "/usr/lib/*/mosquitto_dynamic_security.so";
+
+std::string dynsec_plugin() {
+    glob_t found{};
+    std::string path;
+    if (::glob(kDynsecPluginPattern, 0, nullptr, &found) == 0 && found.gl_pathc > 0) {
+        path = found.gl_pathv[0];
+    }
+    ::globfree(&found);
+    return path;
+}
+
+// The quoted string or the number after "key": in mosquitto_ctrl's JSON.
+std::string json_value(const std::string& json, const std::string& key) {
+    auto at = json.find("\"" + key + "\":");
+    if (at == std::string::npos) {
+        return {};
+    }
+    at = json.find_first_not_of(" \t\n", at + key.size() + 3);
+    if (at == std::string::npos) {
+        return {};
+    }
+    if (json[at] == '"') {
+        return json.substr(at, json.find('"', at + 1) - at + 1);
+    }
+    return json.substr(at, json.find_first_not_of("0123456789", at) - at);
+}
+
+// An access list entry of the plugin's file.
+std::string acl(const char* type, const char* topic) {
+    return std::string("{\"acltype\": \"") + type + "\", \"topic\": \"" + topic +
+           "\", \"allow\": true}";
+}
 
 std::string make_temp_dir(const char* prefix) {
     std::string tmpl = std::string("/tmp/") + prefix + ".XXXXXX";
@@ -181,6 +215,11 @@ const std::string& Broker::password_secret() {
     return secret;
 }
 
+const std::string& Broker::dynsec_secret() {
+    static const std::string secret = random_word("dynsec-");
+    return secret;
+}
+
 std::string Broker::client_config(const std::string& client_name) const {
     std::ostringstream out;
     out << "client_name = " << client_name << "\nhost = " << m_options.host << "\nport = " << m_port
@@ -195,7 +234,53 @@ std::string Broker::log_text() const {
     return out.str();
 }
 
-void Broker::write_config() {
+bool Broker::write_dynsec_config(const std::string& file) {
+    // mosquitto_ctrl hashes the administrator's password as the plugin expects it; the
+    // rest of the file is ours.
+    const std::string init = m_dir + "/dynsec-init.json";
+    ::unlink(init.c_str());  // mosquitto_ctrl refuses to overwrite it
+    const std::string command = std::string("mosquitto_ctrl dynsec init '") + init + "' " +
+                                dynsec_admin() + " " + dynsec_secret() + " > /dev/null 2>&1";
+    if (std::system(command.c_str()) != 0) {
+        m_error = "cannot prepare dynamic security: mosquitto_ctrl dynsec init failed";
+        return false;
+    }
+    std::ifstream in(init);
+    std::ostringstream text;
+    text << in.rdbuf();
+    const std::string json = text.str();
+    const std::string password = json_value(json, "password");
+    const std::string salt = json_value(json, "salt");
+    const std::string iterations = json_value(json, "iterations");
+    if (password.empty() || salt.empty() || iterations.empty()) {
+        m_error = "cannot prepare dynamic security: unexpected output of mosquitto_ctrl";
+        return false;
+    }
+    std::ofstream out(file, std::ios::trunc);
+    out << "{\n\"clients\": [{\"username\": \"" << dynsec_admin()
+        << "\", \"password\": " << password << ", \"salt\": " << salt
+        << ", \"iterations\": " << iterations
+        << ", \"roles\": [{\"rolename\": \"admin\"}, {\"rolename\": \"platform\"}]}],\n"
+        << "\"roles\": [{\"rolename\": \"admin\", \"acls\": ["
+        << acl("publishClientSend", "$CONTROL/dynamic-security/#") << ", "
+        << acl("publishClientReceive", "$CONTROL/dynamic-security/#") << ", "
+        << acl("subscribePattern", "$CONTROL/dynamic-security/#")
+        << "]},\n"
+        // "#" leaves out the "$" topics, the plugin's control topic among them.
+        << "  {\"rolename\": \"platform\", \"acls\": [" << acl("publishClientSend", "#") << ", "
+        << acl("publishClientReceive", "#") << ", " << acl("subscribePattern", "#") << ", "
+        << acl("unsubscribePattern", "#") << "]}],\n"
+        << "\"groups\": [{\"groupname\": \"platform\", \"roles\": [{\"rolename\": "
+           "\"platform\"}]}],\n"
+        << "\"anonymousGroup\": \"platform\",\n"
+        << "\"defaultACLAccess\": {\"publishClientSend\": false, \"publishClientReceive\": true, "
+           "\"subscribe\": false, \"unsubscribe\": true}\n}\n";
+    out.close();
+    ::chmod(file.c_str(), 0644);
+    return static_cast<bool>(out);
+}
+
+bool Broker::write_config() {
     std::ofstream out(m_dir + "/broker.conf", std::ios::trunc);
     out << "per_listener_settings true\n";
     if (::geteuid() == 0) {
@@ -209,6 +294,20 @@ void Broker::write_config() {
         << "set_tcp_nodelay true\n"
         << "listener " << m_port << " " << m_options.host << "\n"
         << "allow_anonymous true\n";
+    if (m_options.dynamic_security) {
+        const std::string plugin = dynsec_plugin();
+        const std::string file = m_dir + "/dynsec.json";
+        if (plugin.empty()) {
+            m_error = std::string("cannot find the dynamic security plugin (") +
+                      kDynsecPluginPattern + ")";
+            return false;
+        }
+        if (!write_dynsec_config(file)) {
+            return false;
+        }
+        out << "plugin " << plugin << "\n"
+            << "plugin_opt_config_file " << file << "\n";
+    }
     if (m_options.tls) {
         const TlsFiles& tls = tls_files();
         out << "listener " << m_tls_port << " " << m_options.host << "\n"
@@ -229,6 +328,7 @@ void Broker::write_config() {
             << "allow_anonymous false\n"
             << "password_file " << file << "\n";
     }
+    return true;
 }
 
 bool Broker::spawn() {
@@ -326,8 +426,7 @@ bool Broker::start() {
         m_port = m_options.port;
         m_tls_port = ports[0];
         m_password_port = ports[1];
-        write_config();
-        return spawn();
+        return write_config() && spawn();
     }
     // Another process may take a port between choosing and binding it: choose again.
     for (int attempt = 0; attempt < 5; ++attempt) {
@@ -335,7 +434,9 @@ bool Broker::start() {
         m_port = ports[0];
         m_tls_port = ports[1];
         m_password_port = ports[2];
-        write_config();
+        if (!write_config()) {
+            return false;
+        }
         if (spawn()) {
             return true;
         }

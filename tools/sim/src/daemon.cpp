@@ -62,13 +62,40 @@ void Daemon::detach() {
     }
 }
 
-void Daemon::send(const std::string& topic, const com::Message& message) {
+namespace {
+
+class HandlerObserver : public com::ISubscriptionObserver {
+public:
+    explicit HandlerObserver(Daemon::Handler handler) : m_handler(std::move(handler)) {}
+    void message(const std::string& topic, const com::Message& message) override {
+        m_handler(topic, message);
+    }
+
+private:
+    Daemon::Handler m_handler;
+};
+
+}  // namespace
+
+void Daemon::listen(const std::string& topic, Handler handler) {
+    m_transport->subscribe(topic, 1, std::make_shared<HandlerObserver>(std::move(handler)));
+}
+
+void Daemon::clear_retained(const std::string& topic) {
+    com::Message clear;
+    clear.set_qos(1);
+    clear.set_retain(true);
+    m_transport->publish_wait_ack(topic, clear, std::chrono::seconds(2));
+}
+
+void Daemon::send(const std::string& topic, const com::Message& message,
+                  std::chrono::milliseconds after) {
     if (m_silenced) {
         DEBUG << s_log << m_name << " is silenced: not publishing on " << topic;
         DEBUG.do_flush();
         return;
     }
-    const long long delay = m_delay_ms;
+    const long long delay = m_delay_ms + after.count();
     if (delay <= 0) {
         m_transport->publish(topic, message);
         return;
@@ -84,20 +111,6 @@ void Daemon::send(const std::string& topic, const com::Message& message) {
         m_delay_thread = std::thread(&Daemon::run_delayed, this);
     }
     m_delay_cv.notify_all();
-}
-
-void Daemon::subscribe(const std::string& filter, unsigned char qos, Handler handler) {
-    class Forward : public com::ISubscriptionObserver {
-    public:
-        explicit Forward(Handler handler) : m_handler(std::move(handler)) {}
-        void message(const std::string& topic, const com::Message& message) override {
-            m_handler(topic, message);
-        }
-
-    private:
-        Handler m_handler;
-    };
-    m_transport->subscribe(filter, qos, std::make_shared<Forward>(std::move(handler)));
 }
 
 void Daemon::run_delayed() {

@@ -100,9 +100,8 @@ public:
                  << options().rt_support_library;
             INFO.do_flush();
         }
-        transport().subscribe(kRelayFilter, 1, std::make_shared<Forward>(*this, &Ipcd::relay));
-        transport().subscribe(kAnnouncementTopic, 1,
-                              std::make_shared<Forward>(*this, &Ipcd::announced));
+        listen(kRelayFilter, [this](const auto& t, const auto& m) { relay(t, m); });
+        listen(kAnnouncementTopic, [this](const auto& t, const auto& m) { announced(t, m); });
         return Result<void, std::string>::ok();
     }
 
@@ -143,19 +142,6 @@ public:
     }
 
 private:
-    class Forward : public com::ISubscriptionObserver {
-    public:
-        using Handler = void (Ipcd::*)(const std::string&, const com::Message&);
-        Forward(Ipcd& owner, Handler handler) : m_owner(owner), m_handler(handler) {}
-        void message(const std::string& topic, const com::Message& message) override {
-            (m_owner.*m_handler)(topic, message);
-        }
-
-    private:
-        Ipcd& m_owner;
-        Handler m_handler;
-    };
-
     void relay(const std::string& topic, const com::Message& message) {
         if (!starts_with(topic, kRelayPrefix)) {
             return;

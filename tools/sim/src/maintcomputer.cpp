@@ -89,8 +89,8 @@ public:
             NOTICE.do_flush();
             return Result<void, std::string>::ok();
         }
-        subscribe(kRequestRelayTopic, 0,
-                  [this](const std::string&, const com::Message& message) { received(message); });
+        listen(kRequestRelayTopic,
+               [this](const std::string&, const com::Message& message) { received(message); });
         return Result<void, std::string>::ok();
     }
 

@@ -64,8 +64,8 @@ public:
             m_busy_sent.clear();
             m_holders.clear();
         }
-        subscribe("system/pgnreqd/request", 1,
-                  [this](const std::string&, const com::Message& message) { received(message); });
+        listen("system/pgnreqd/request",
+               [this](const std::string&, const com::Message& message) { received(message); });
         return Result<void, std::string>::ok();
     }
 

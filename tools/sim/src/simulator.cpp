@@ -26,17 +26,6 @@ const std::vector<UnitKey> kUnitKeys = {
      "read it from /etc/hostname on the unit)"},
 };
 
-// Sections of the daemons still to come: accepted as they are until their daemon reads
-// and checks them. A daemon that arrives takes its line out, so that misspelt keys of its
-// section are caught.
-const std::vector<UnitKey> kReservedSections = {
-    {"var.", "reserved: platform variables, var.<name> = value"},
-    {"sysparam.", "reserved: system parameters, sysparam.<name> = value"},
-    {"bootflags.", "reserved: boot banks and flags"},
-    {"bt.", "reserved: Bluetooth devices found by a discovery"},
-    {"backend.", "reserved: behaviour of the backend behind the proxy"},
-};
-
 std::string section_of(const std::string& key) {
     return key.substr(0, key.find('.') + 1);
 }
@@ -118,9 +107,7 @@ std::vector<UnitKey> Simulator::known_keys() const {
 }
 
 std::vector<UnitKey> Simulator::unit_keys() const {
-    std::vector<UnitKey> keys = known_keys();
-    keys.insert(keys.end(), kReservedSections.begin(), kReservedSections.end());
-    return keys;
+    return known_keys();
 }
 
 std::vector<std::string> Simulator::check(const Unit& unit) const {
@@ -133,9 +120,6 @@ std::vector<std::string> Simulator::check(const Unit& unit) const {
         }
         const std::string section = section_of(key);
         auto in_section = [&section](const UnitKey& k) { return section_of(k.key) == section; };
-        if (std::any_of(kReservedSections.begin(), kReservedSections.end(), in_section)) {
-            continue;
-        }
         std::string error = unit.origin(key) + ": unknown key '" + key + "'";
         if (std::any_of(known.begin(), known.end(), in_section)) {
             error += "; the section knows:";
@@ -168,6 +152,10 @@ Result<void, SimulatorError> Simulator::start() {
         // The library's configuration syntax: a "#" in a value would start a comment.
         std::ostringstream text;
         text << "client_name = " << daemon->name() << "\n";
+        // The first occurrence of a key wins: the daemon's own keys go first.
+        for (const auto& entry : daemon->connection_keys(m_options)) {
+            text << entry.first << " = " << entry.second << "\n";
+        }
         for (const auto& entry : m_options.connection) {
             text << entry.first << " = " << entry.second << "\n";
         }

@@ -5,7 +5,15 @@
 
 namespace ecu::tavi::sim {
 
-TestKit::TestKit(TestKitOptions options) : m_options(std::move(options)) {}
+namespace {
+BrokerOptions kit_broker() {
+    BrokerOptions options;
+    options.dynamic_security = true;
+    return options;
+}
+}  // namespace
+
+TestKit::TestKit(TestKitOptions options) : m_options(std::move(options)), m_broker(kit_broker()) {}
 
 TestKit::~TestKit() {
     stop();
@@ -27,6 +35,8 @@ bool TestKit::start() {
     options.connection["host"] = m_broker.host();
     options.connection["port"] = std::to_string(m_broker.port());
     options.rt_support_library = m_options.rt_support_library;
+    options.dynsec_username = Broker::dynsec_admin();
+    options.dynsec_password = Broker::dynsec_secret();
     m_simulator = std::make_unique<Simulator>(std::move(options), unit.value());
     auto started = m_simulator->start();
     if (!started) {

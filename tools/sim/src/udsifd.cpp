@@ -111,10 +111,9 @@ public:
             std::lock_guard<std::mutex> lock(m_mutex);
             m_owners.clear();
         }
-        subscribe("system/udsifd/+", 1,
-                  [this](const std::string& topic, const com::Message& message) {
-                      received(topic, message);
-                  });
+        listen("system/udsifd/+", [this](const std::string& topic, const com::Message& message) {
+            received(topic, message);
+        });
         return Result<void, std::string>::ok();
     }
 

@@ -24,6 +24,11 @@ struct BrokerOptions {
     bool tls = false;
     // Adds a listener that accepts only the user name and password of password_user().
     bool password = false;
+    // The plain listener checks logins and access lists with mosquitto's dynamic security
+    // plugin, administered by dynsec_admin(). Clients without a login may still publish
+    // and subscribe everywhere, as on a listener without the plugin; users created through
+    // the plugin get only what their roles allow.
+    bool dynamic_security = false;
 };
 
 // Throw-away certificates made with openssl the first time they are asked for; nothing
@@ -74,6 +79,9 @@ public:
     // Login of the password listener; the password is made up per process.
     static const char* password_user() { return "tavi-user"; }
     static const std::string& password_secret();
+    // Administrator of the dynamic security plugin; the password is made up per process.
+    static const char* dynsec_admin() { return "tavi-admin"; }
+    static const std::string& dynsec_secret();
 
     // Configuration text for the library's client on the plain listener.
     std::string client_config(const std::string& client_name) const;
@@ -86,7 +94,11 @@ private:
     bool spawn();
     bool wait_accepting();
     void reap();
-    void write_config();
+    // False with error() set when a file could not be made.
+    bool write_config();
+    // The plugin's own file: the administrator, and a role that lets clients without a
+    // login do everything. False with error() set when mosquitto_ctrl failed.
+    bool write_dynsec_config(const std::string& file);
 
     BrokerOptions m_options;
     std::string m_dir;

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -23,6 +24,7 @@
 #include <vector>
 
 #include "ecu/tavi/com/message.h"
+#include "ecu/tavi/com/messageadapter.h"
 #include "ecu/tavi/com/transport.h"
 #include "ecu/tavi/export.h"
 #include "ecu/tavi/result.h"
@@ -48,6 +50,9 @@ public:
     // Client name and unit section.
     const std::string& name() const { return m_name; }
 
+    // What listen() calls for each message, on the daemon's network thread.
+    using Handler = std::function<void(const std::string& topic, const com::Message& message)>;
+
     // The unit keys the daemon reads: exact names, or families ending in "." ("var.").
     // Their first segments are the daemon's sections; any other key there is a fault, so a
     // misspelt key is not silently ignored.
@@ -55,6 +60,11 @@ public:
     // Checks the values of its keys; appends one text per fault, saying where the key was
     // given (Unit::origin).
     virtual void check(const Unit& /*unit*/, std::vector<std::string>& /*errors*/) const {}
+    // Connection keys of its own ("login_username", ...), used instead of the shared ones.
+    virtual std::map<std::string, std::string> connection_keys(
+        const SimulatorOptions& /*options*/) const {
+        return {};
+    }
     // Prepares the daemon and subscribes its topics; the connection is not started yet.
     virtual Result<void, std::string> setup() = 0;
     // Publishes what the daemon holds (retained status and the like): once it is connected,
@@ -73,11 +83,30 @@ protected:
     com::ITransportClient& transport() const { return *m_transport; }
     const Unit& unit() const { return *m_unit; }
     const SimulatorOptions& options() const { return *m_options; }
-    // Publishes on the daemon's connection, honouring delay and silence.
-    void send(const std::string& topic, const com::Message& message);
-    using Handler = std::function<void(const std::string& topic, const com::Message& message)>;
-    // Subscribes a handler to a topic filter; it runs on the daemon's network thread.
-    void subscribe(const std::string& filter, unsigned char qos, Handler handler);
+    // Publishes on the daemon's connection, honouring delay and silence; `after` holds
+    // this one publication back further.
+    void send(const std::string& topic, const com::Message& message,
+              std::chrono::milliseconds after = std::chrono::milliseconds(0));
+    // Frames body and sends it with QoS 1.
+    template <typename T>
+    void send_framed(const std::string& topic, const T& body, std::uint32_t protocol,
+                     bool retain = false,
+                     std::chrono::milliseconds after = std::chrono::milliseconds(0)) {
+        auto framed = com::PbInternalMessageAdapter<T>(protocol).serialize(body);
+        if (!framed) {
+            return;
+        }
+        com::Message message = std::move(framed.value());
+        message.set_qos(1);
+        message.set_retain(retain);
+        send(topic, message, after);
+    }
+    // Removes the retained message of a topic, so that applications of a later run are not
+    // told this run's state. Meant for teardown(); neither delayed nor silenced.
+    void clear_retained(const std::string& topic);
+
+    // Subscribes a handler (QoS 1) on the daemon's connection; meant for setup().
+    void listen(const std::string& topic, Handler handler);
 
 private:
     friend class Simulator;

@@ -32,6 +32,11 @@ struct SimulatorOptions {
     // How long start() waits for the daemons' connections; the transport retries every
     // second meanwhile.
     std::chrono::seconds connect_timeout{10};
+    // Administrator of the broker's dynamic security plugin. Given: the access-control
+    // daemon logs in with it and makes the users it is asked for real on the broker.
+    // Empty: it only records and logs them.
+    std::string dynsec_username;
+    std::string dynsec_password;
 };
 
 struct SimulatorError {
@@ -56,8 +61,8 @@ public:
 
     // One text per fault of the unit: unknown keys and the daemons' own checks.
     std::vector<std::string> check(const Unit& unit) const;
-    // Every key a unit description may hold, by section: the simulator's own, the daemons'
-    // and those reserved for daemons still to come.
+    // Every key a unit description may hold, by section: the simulator's own and the
+    // daemons'.
     std::vector<UnitKey> unit_keys() const;
 
     // Checks the unit, connects every daemon, waits until the broker has acknowledged their

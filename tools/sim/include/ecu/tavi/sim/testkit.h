@@ -1,5 +1,6 @@
 // Test kit for applications built on the library: a private mosquitto broker on a free
-// loopback port and the platform simulator inside the test process, so that an
+// loopback port (with dynamic security, so that users created through the access-control
+// daemon are real) and the platform simulator inside the test process, so that an
 // application's behaviour, time-outs and failures included, can be tested without a unit.
 //
 //   ecu::tavi::sim::TestKit kit({unit_text, rt_support_library});

@@ -1,6 +1,7 @@
-// The bare libmosquittopp side of the benchmarks: a client that counts what arrives, an echo
-// peer, the request/response round trip through the broker that the library's round trips
-// are compared with, and the latency counters (p50_us, p99_us) they all report.
+// What the benchmarks that run against a broker share: the broker of the run (a private
+// mosquitto on a free loopback port, as in the tests), bare libmosquittopp clients, an echo
+// peer, and the bare request/response round trip that the library's round trips are
+// measured against in the same run.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -13,15 +14,21 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "ecu/tavi/logging/logging.h"
 #include "support/broker.h"
 #include "support/mqtt_peer.h"
 
 namespace ecu::tavi::bench {
+
+using Clock = std::chrono::steady_clock;
+
+inline test::Broker* g_broker = nullptr;
 
 // Counts arrivals and wakes one waiter; shared by the bare client and the observer.
 struct Arrivals {
@@ -48,8 +55,8 @@ struct Arrivals {
 
 class BareClient : public mosqpp::mosquittopp {
 public:
-    BareClient(Arrivals& arrivals, const test::Broker& broker) : m_arrivals(arrivals) {
-        connect("127.0.0.1", broker.port(), 60);
+    explicit BareClient(Arrivals& arrivals) : m_arrivals(arrivals) {
+        connect("127.0.0.1", g_broker->port(), 60);
         loop_start();
         std::unique_lock<std::mutex> lock(m_mutex);
         m_cv.wait_for(lock, std::chrono::seconds(10), [&] { return m_connected; });
@@ -87,10 +94,9 @@ private:
 };
 
 // The echo peer answers every request on the response topic with the request's QoS.
-inline std::unique_ptr<test::MqttPeer> make_echo(const test::Broker& broker,
-                                                 const std::string& request,
+inline std::unique_ptr<test::MqttPeer> make_echo(const std::string& request,
                                                  const std::string& response) {
-    auto echo = std::make_unique<test::MqttPeer>(broker.host(), broker.port());
+    auto echo = std::make_unique<test::MqttPeer>(g_broker->host(), g_broker->port());
     test::MqttPeer* raw = echo.get();
     echo->set_handler([raw, response](const test::MqttPeer::Received& received) {
         raw->publish(response, received.payload, received.qos);
@@ -111,28 +117,26 @@ inline void report_latencies(benchmark::State& state, std::vector<double>& micro
     state.counters[prefix + "p99_us"] = micros[micros.size() * 99 / 100];
 }
 
-// The baseline of every request/response benchmark: a bare libmosquittopp client sends a
-// payload through the broker to an echo peer and waits for it to come back.
+inline const std::string kPayload(64, 'x');
+
+// The baseline of every request/response benchmark: a bare libmosquittopp client sends the
+// payload through the broker of the run to the echo peer and waits for it to come back.
 class BareRoundTrip {
 public:
-    BareRoundTrip(const test::Broker& broker, int qos, std::string payload)
-        : m_echo(make_echo(broker, "bench/bare/req", "bench/bare/resp")),
-          m_client(m_arrivals, broker),
-          m_qos(qos),
-          m_payload(std::move(payload)) {
+    explicit BareRoundTrip(int qos)
+        : m_echo(make_echo("bench/bare/req", "bench/bare/resp")), m_client(m_arrivals), m_qos(qos) {
         m_client.subscribe_and_wait("bench/bare/resp", qos);
     }
     // One exchange; its time in microseconds, or a negative value without an answer.
     double once() {
         const uint64_t target = m_arrivals.now() + 1;
-        const auto start = std::chrono::steady_clock::now();
-        m_client.publish(nullptr, "bench/bare/req", static_cast<int>(m_payload.size()),
-                         m_payload.data(), m_qos, false);
+        const auto start = Clock::now();
+        m_client.publish(nullptr, "bench/bare/req", static_cast<int>(kPayload.size()),
+                         kPayload.data(), m_qos, false);
         if (!m_arrivals.wait_for(target)) {
             return -1;
         }
-        return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start)
-            .count();
+        return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
     }
 
 private:
@@ -140,12 +144,10 @@ private:
     Arrivals m_arrivals;
     BareClient m_client;
     int m_qos;
-    std::string m_payload;
 };
 
-inline void bare_round_trip(benchmark::State& state, const test::Broker& broker, int qos,
-                            const std::string& payload) {
-    BareRoundTrip bare(broker, qos, payload);
+inline void bare_round_trip(benchmark::State& state, int qos) {
+    BareRoundTrip bare(qos);
     std::vector<double> micros;
     for (auto _ : state) {
         const double took = bare.once();
@@ -156,6 +158,46 @@ inline void bare_round_trip(benchmark::State& state, const test::Broker& broker,
         micros.push_back(took);
     }
     report_latencies(state, micros);
+}
+
+constexpr int kBatch = 1000;
+
+// The baseline of every throughput benchmark: batches of QoS 0 messages from a bare
+// publisher to a bare subscriber, each batch waited for in full.
+inline void bare_publish_throughput(benchmark::State& state, const std::string& topic) {
+    Arrivals received;
+    BareClient sink(received);
+    sink.subscribe_and_wait(topic, 0);
+    Arrivals unused;
+    BareClient client(unused);
+    for (auto _ : state) {
+        const uint64_t target = received.now() + kBatch;
+        for (int i = 0; i < kBatch; ++i) {
+            client.publish(nullptr, topic.c_str(), static_cast<int>(kPayload.size()),
+                           kPayload.data(), 0, false);
+        }
+        if (!received.wait_for(target)) {
+            state.SkipWithError("messages lost");
+            break;
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+// main() of a benchmark program: starts the broker, runs the benchmarks, stops it.
+inline int run_with_broker(int argc, char** argv) {
+    logging::set_log_level(3);  // errors only: the transport logs every publish at DEBUG
+    mosqpp::lib_init();
+    test::Broker broker;
+    if (!broker.start()) {
+        std::fprintf(stderr, "cannot start mosquitto\n");
+        return 1;
+    }
+    g_broker = &broker;
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
 }
 
 }  // namespace ecu::tavi::bench

@@ -79,12 +79,11 @@ TEST_F(VariablesTest, TimeOutGivesTheDefaultAndALateValueIsKept) {
 
 TEST_F(VariablesTest, IllegalNamesGiveTheDefaultAtOnce) {
     for (const std::string name : {"a/b", "+", "x#"}) {
-        const auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ("dflt", m_vars->get(name, "dflt", 5000)) << name;
-        EXPECT_LT(std::chrono::steady_clock::now() - start, 1s) << name;
+        EXPECT_EQ("dflt", m_vars->get(name, "dflt", 60000)) << name;
         EXPECT_THAT(log(), HasSubstr("[INFO]: [tavi.variables] Request for illegal variable '" +
                                      name + "'. Returning default value = 'dflt'\n"));
     }
+    EXPECT_THAT(log(), Not(HasSubstr("Waiting for variable")));
 }
 
 TEST_F(VariablesTest, OneDeliveryWakesEveryWaitingReader) {

@@ -43,6 +43,8 @@ protected:
     }
 
     void TearDown() override {
+        // The peer's handler may use members of the derived fixture: it stops first.
+        m_peer.reset();
         if (m_app) {
             m_app->stop();
         }

@@ -1,10 +1,13 @@
 // record and replay: take the traffic of topic filters into a file (see recordfile.h) and
 // publish it again later, into any broker, with the original spacing.
 #include <chrono>
+#include <condition_variable>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -72,6 +75,47 @@ void record(Session& session, const RecordArgs& args) {
               << std::endl;
 }
 
+// Real-time data reaches "rt/" only through the IPC daemon's relay, one hop longer than
+// any other topic. To keep the recorded order, the next message waits until the relayed
+// copy of a real-time message is back; a broker without relay is noticed at the first
+// time-out and not waited for again.
+class RelayEcho : public com::ISubscriptionObserver {
+public:
+    void message(const std::string& topic, const com::Message&) override {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            ++m_seen[topic];
+        }
+        m_cv.notify_all();
+    }
+    void sent(const std::string& topic) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_sent[topic];
+        m_pending = topic;
+    }
+    void wait(std::chrono::milliseconds timeout) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (m_pending.empty() || m_no_relay) {
+            return;
+        }
+        const std::string topic = m_pending;
+        m_pending.clear();
+        if (!m_cv.wait_for(lock, timeout, [&] { return m_seen[topic] >= m_sent[topic]; })) {
+            m_no_relay = true;
+            std::cerr << "tavictl: no relayed copy of " << topic
+                      << " came back; real-time data may now overtake" << std::endl;
+        }
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+    std::map<std::string, size_t> m_seen;
+    std::map<std::string, size_t> m_sent;
+    std::string m_pending;
+    bool m_no_relay = false;
+};
+
 void replay(Session& session, const RecordArgs& args) {
     set_streaming();
     std::ifstream in(args.file);
@@ -85,7 +129,14 @@ void replay(Session& session, const RecordArgs& args) {
     if (!entries) {
         throw Failure{EXIT_FAILED, args.file + ": " + entries.error()};
     }
-    session.connect();
+    auto echo = std::make_shared<RelayEcho>();
+    std::set<std::string> rt_topics;
+    for (const auto& entry : entries.value()) {
+        if (entry.topic.compare(0, 3, "rt/") == 0 && rt_topics.insert(entry.topic).second) {
+            session.transport().subscribe(entry.topic, 0, echo);
+        }
+    }
+    session.connect_ready();
     size_t sent = 0;
     do {
         const auto start = std::chrono::steady_clock::now();
@@ -93,9 +144,13 @@ void replay(Session& session, const RecordArgs& args) {
             const auto due =
                 start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                             std::chrono::duration<double>(entry.t / args.speed));
+            echo->wait(session.timeout());
             if (wait_interrupted(due - std::chrono::steady_clock::now())) {
                 std::cerr << "tavictl: replayed " << sent << " messages" << std::endl;
                 return;
+            }
+            if (rt_topics.count(entry.topic) > 0) {
+                echo->sent(entry.topic);
             }
             if (session.transport().publish(entry.topic, entry.message) != 0) {
                 throw Failure{EXIT_FAILED, "cannot publish on " + entry.topic};
@@ -103,6 +158,7 @@ void replay(Session& session, const RecordArgs& args) {
             ++sent;
         }
     } while (args.loop);
+    echo->wait(session.timeout());
     std::cerr << "tavictl: replayed " << sent << " messages" << std::endl;
 }
 

@@ -46,8 +46,8 @@ pb::LogConfig query(Session& session, const std::string& application,
 void print_config(Session& session, const std::string& application, const pb::LogConfig& config) {
     const char* level = pb::LogConfig_LogLevel_Name(config.level()).c_str();
     const char* mode = pb::LogConfig_LogMode_Name(config.mode()).c_str();
-    nlohmann::json json = {{"application", application}, {"level", level}, {"mode", mode}};
-    json["modules"] = nlohmann::json::array();
+    nlohmann::ordered_json json = {{"application", application}, {"level", level}, {"mode", mode}};
+    json["modules"] = nlohmann::ordered_json::array();
     std::ostringstream text;
     text << "level " << level << "\nmode " << mode << "\n";
     for (const auto& module : config.modules()) {

@@ -323,7 +323,7 @@ bool Session::load_rt_support() {
     return true;
 }
 
-void Session::print(const nlohmann::json& json, const std::string& text) const {
+void Session::print(const nlohmann::ordered_json& json, const std::string& text) const {
     if (m_options.json) {
         std::cout << json.dump() << std::endl;
     } else {

@@ -107,7 +107,7 @@ public:
     bool load_rt_support();
 
     // Writes a result: the JSON with --json, the text otherwise.
-    void print(const nlohmann::json& json, const std::string& text) const;
+    void print(const nlohmann::ordered_json& json, const std::string& text) const;
 
 private:
     std::string config_text() const;

@@ -63,4 +63,17 @@ SyncStatus publish_and_wait(ITransportClient& transport,
     return cv.wait_until(lock, deadline, answered) ? SyncStatus::ANSWERED : SyncStatus::TIMED_OUT;
 }
 
+// The same wait without a request: for answers that a subscription alone brings (retained
+// messages, periodic status). Never NOT_SENT.
+template <typename Answered>
+SyncStatus wait_for_answer(const ITransportClient& transport,
+                           const std::shared_ptr<logging::LogModule>& log, const char* call,
+                           std::unique_lock<std::mutex>& lock, std::condition_variable& cv,
+                           std::chrono::steady_clock::time_point deadline, Answered answered) {
+    if (refuse_on_network_thread(transport, log, call)) {
+        return SyncStatus::REFUSED;
+    }
+    return cv.wait_until(lock, deadline, answered) ? SyncStatus::ANSWERED : SyncStatus::TIMED_OUT;
+}
+
 }  // namespace ecu::tavi::com::_internal

@@ -28,7 +28,9 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::wait_until;
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 const char* const kTopic = "rt/vekcan/rx/ccvs";
 
@@ -48,6 +50,11 @@ private:
     std::mutex m_mutex;
     std::vector<com::Message> m_messages;
 };
+
+std::string sample_unit() {
+    std::ifstream file(MURNTAVI_TEST_SOURCE_DIR "/tools/sim/unit.conf");
+    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
 
 class SimTest : public ::testing::Test {
 protected:
@@ -73,7 +80,8 @@ protected:
         return app;
     }
 
-    TestKit m_kit{{"unit.hostname = tele-test\n", MURNTAVI_RTSUPPORT_LIB}};
+    // The sample unit that scripts/demo runs, so that every demo step finds its service.
+    TestKit m_kit{{sample_unit(), MURNTAVI_RTSUPPORT_LIB}};
 };
 
 TEST_F(SimTest, ApplicationIsReadyOnlyOnceIpcdConfirmsAndGetsGroupsThroughTheRelay) {
@@ -153,10 +161,11 @@ TEST_F(SimDemoTest, PassesEveryStepAgainstTheSimulator) {
     const auto demo = run_demo();
     EXPECT_EQ(demo.exit_code, 0) << demo.output;
     for (const char* step : {"connect", "readiness with IPCd", "log control: query",
-                             "log control: change", "real-time round trip"}) {
+                             "log control: change", "real-time round trip", "variables",
+                             "system parameters", "boot flags: switch", "bluetooth scan"}) {
         EXPECT_THAT(demo.output, HasSubstr(std::string("  OK    ") + step));
     }
-    EXPECT_THAT(demo.output, HasSubstr("demo: 5 of 5 steps OK"));
+    EXPECT_THAT(demo.output, Not(ContainsRegex("FAIL|SKIP")));
 }
 
 TEST_F(SimDemoTest, FailsWithExitCodeOneWhenIpcdDoesNotAnswer) {
@@ -165,7 +174,7 @@ TEST_F(SimDemoTest, FailsWithExitCodeOneWhenIpcdDoesNotAnswer) {
     EXPECT_EQ(demo.exit_code, 1) << demo.output;
     EXPECT_THAT(demo.output, HasSubstr("  FAIL  readiness with IPCd"));
     EXPECT_THAT(demo.output, HasSubstr("  SKIP  real-time round trip"));
-    EXPECT_THAT(demo.output, HasSubstr("demo: 1 of 5 steps OK"));
+    EXPECT_THAT(demo.output, HasSubstr("demo: 1 of "));
 }
 #endif
 

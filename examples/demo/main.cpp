@@ -22,7 +22,9 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "ecu/tavi/bt/bluetooth.h"
 #include "ecu/tavi/com/client.h"
 #include "ecu/tavi/com/message.h"
 #include "ecu/tavi/com/messageadapter.h"
@@ -30,7 +32,10 @@
 #include "ecu/tavi/config/configuration.h"
 #include "ecu/tavi/logging/logging.h"
 #include "ecu/tavi/pb/logconfig.pb.h"
+#include "ecu/tavi/platform/bootflags.h"
 #include "ecu/tavi/rt/signaladapter.h"
+#include "ecu/tavi/var/sysparams.h"
+#include "ecu/tavi/var/variables.h"
 
 using namespace ecu::tavi;
 using namespace std::chrono_literals;
@@ -214,6 +219,113 @@ Outcome rt_round_trip(com::ITransportClient& transport, Inbox& inbox,
     return {true, detail};
 }
 
+// --- Platform services: variables, system parameters, boot flags, Bluetooth -------------
+
+// The clients of the platform services, made before connecting so that their retained
+// state is in by the time the steps run.
+struct PlatformClients {
+    std::shared_ptr<var::VariablesClient> vars;
+    std::shared_ptr<var::SysParamsClient> params;
+    std::shared_ptr<platform::BootFlagsClient> flags;
+    std::shared_ptr<bt::BluetoothClient> bt;
+};
+
+Outcome read_variables(var::VariablesClient& vars) {
+    const std::string hw = vars.get("hwversion", "", 2000);
+    const std::string missing = vars.get("no_such_variable", "<default>", 200);
+    if (hw.empty() || missing != "<default>") {
+        return {false, "hwversion '" + hw + "', no_such_variable '" + missing + "'"};
+    }
+    return {true, "hwversion = " + hw + ", no_such_variable = " + missing + " (default)"};
+}
+
+Outcome change_sysparam(var::SysParamsClient& params) {
+    params.set_receive_timeout(2000);
+    auto table = params.get_all(true);
+    if (table.empty()) {
+        return {false, "no table on system/sysparams"};
+    }
+    auto& entry = table.begin()->second;
+    const std::string before = entry.value();
+    entry.set_value(before + "0");
+    params.set_all(table);
+    const auto written = params.write();
+    entry.set_value(before);  // put the unit back as it was
+    params.set_all(table);
+    const auto restored = params.write();
+    if (!written.success || !restored.success) {
+        return {false, "write status " + std::to_string(written.status) + ", restore status " +
+                           std::to_string(restored.status)};
+    }
+    return {true, std::to_string(table.size()) + " parameters; " + entry.name() + " " + before +
+                      " -> " + before + "0 verified, restored"};
+}
+
+Outcome show_boot_flags(platform::BootFlagsClient& flags) {
+    if (!flags.current_bank().first) {
+        return {false, "no flags on system/bootflags"};
+    }
+    std::string lines = flags.boot_flags_string(true);
+    for (size_t at = 0; (at = lines.find('\n', at)) + 1 < lines.size(); at += 2) {
+        lines.insert(at + 1, "        ");
+    }
+    std::printf("        %s", lines.c_str());
+    return {true, flags.boot_flags_string(false)};
+}
+
+Outcome switch_banks(platform::BootFlagsClient& flags) {
+    using Flags = platform::BootFlagsClient;
+    const auto running = flags.current_bank().second;
+    const auto result = flags.switch_bank(Flags::CAUSE_TAVI);
+    if (result != Flags::SET_SUCCESSFUL) {
+        return {false, Flags::to_str(result)};
+    }
+    return {true, std::string("bank ") + Flags::to_str(flags.selected_bank().second) +
+                      " selected for the next boot (running " + Flags::to_str(running) + ")"};
+}
+
+// Keeps the devices of the latest scan results.
+class DeviceList : public bt::IDiscoveryObserver {
+public:
+    void discovery_result(const bt::DiscoveryResult& result) override {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_devices = result.devices();
+        }
+        m_cv.notify_all();
+    }
+    std::vector<bt::Device> wait(std::chrono::milliseconds timeout) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_cv.wait_for(lock, timeout, [&] { return !m_devices.empty(); });
+        return m_devices;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+    std::vector<bt::Device> m_devices;
+};
+
+Outcome bluetooth_scan(bt::BluetoothClient& client) {
+    if (!client.available() || !client.operational()) {
+        return {false, "the Bluetooth service is not operational"};
+    }
+    auto devices = std::make_shared<DeviceList>();
+    auto discovery = client.discovery_manager();
+    discovery->register_observer(devices);
+    if (!discovery->start_scan()) {
+        return {false, "the discovery did not start"};
+    }
+    const auto found = devices->wait(2s);
+    const bool stopped = discovery->stop_scan();
+    std::string detail = "operational; found";
+    for (const auto& device : found) {
+        detail += " " + device.name() + " (" + device.address() + ", " +
+                  std::to_string(device.rssi()) + " dBm)";
+    }
+    return {!found.empty() && stopped, found.empty() ? "no device found" : detail};
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -257,6 +369,9 @@ int main(int argc, char** argv) {
     auto inbox = std::make_shared<Inbox>();
     transport->subscribe(kRtTopic, 0, inbox);
     transport->subscribe("app/" + client + "/log/config", 1, inbox);
+    const PlatformClients platform{
+        var::create_var_client(transport), var::create_sysparams_client(transport),
+        platform::create_boot_flags_client(transport), bt::create_bt_client(transport)};
 
     Report report;
     const bool connected = report.run("connect", [&]() -> Outcome {
@@ -284,12 +399,18 @@ int main(int argc, char** argv) {
                    [&] { return change_log_level(*transport, *inbox, client); });
         report.run("real-time round trip",
                    [&] { return rt_round_trip(*transport, *inbox, support_library); });
+        report.run("variables", [&] { return read_variables(*platform.vars); });
+        report.run("system parameters", [&] { return change_sysparam(*platform.params); });
+        report.run("boot flags", [&] { return show_boot_flags(*platform.flags); });
+        report.run("boot flags: switch", [&] { return switch_banks(*platform.flags); });
+        report.run("bluetooth scan", [&] { return bluetooth_scan(*platform.bt); });
     } else {
         if (!connected) {
             report.skip("readiness with IPCd", "not connected");
         }
         for (const char* step :
-             {"log control: query", "log control: change", "real-time round trip"}) {
+             {"log control: query", "log control: change", "real-time round trip", "variables",
+              "system parameters", "boot flags", "boot flags: switch", "bluetooth scan"}) {
             report.skip(step, "not ready");
         }
     }

@@ -62,6 +62,32 @@ void Daemon::detach() {
     }
 }
 
+namespace {
+
+class HandlerObserver : public com::ISubscriptionObserver {
+public:
+    explicit HandlerObserver(Daemon::Handler handler) : m_handler(std::move(handler)) {}
+    void message(const std::string& topic, const com::Message& message) override {
+        m_handler(topic, message);
+    }
+
+private:
+    Daemon::Handler m_handler;
+};
+
+}  // namespace
+
+void Daemon::listen(const std::string& topic, Handler handler) {
+    m_transport->subscribe(topic, 1, std::make_shared<HandlerObserver>(std::move(handler)));
+}
+
+void Daemon::clear_retained(const std::string& topic) {
+    com::Message clear;
+    clear.set_qos(1);
+    clear.set_retain(true);
+    m_transport->publish_wait_ack(topic, clear, std::chrono::seconds(2));
+}
+
 void Daemon::send(const std::string& topic, const com::Message& message) {
     if (m_silenced) {
         DEBUG << s_log << m_name << " is silenced: not publishing on " << topic;

@@ -30,12 +30,8 @@ const std::vector<UnitKey> kUnitKeys = {
 // and checks them. A daemon that arrives takes its line out, so that misspelt keys of its
 // section are caught.
 const std::vector<UnitKey> kReservedSections = {
-    {"var.", "reserved: platform variables, var.<name> = value"},
-    {"sysparam.", "reserved: system parameters, sysparam.<name> = value"},
-    {"bootflags.", "reserved: boot banks and flags"},
     {"uds.", "reserved: UDS interfaces and answers"},
     {"pgn.", "reserved: PGN request token behaviour, busy answers included"},
-    {"bt.", "reserved: Bluetooth devices found by a discovery"},
     {"backend.", "reserved: behaviour of the backend behind the proxy"},
 };
 

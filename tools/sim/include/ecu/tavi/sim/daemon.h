@@ -14,6 +14,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -23,6 +24,7 @@
 #include <vector>
 
 #include "ecu/tavi/com/message.h"
+#include "ecu/tavi/com/messageadapter.h"
 #include "ecu/tavi/com/transport.h"
 #include "ecu/tavi/export.h"
 #include "ecu/tavi/result.h"
@@ -47,6 +49,9 @@ public:
 
     // Client name and unit section.
     const std::string& name() const { return m_name; }
+
+    // What listen() calls for each message, on the daemon's network thread.
+    using Handler = std::function<void(const std::string& topic, const com::Message& message)>;
 
     // The unit keys the daemon reads: exact names, or families ending in "." ("var.").
     // Their first segments are the daemon's sections; any other key there is a fault, so a
@@ -75,6 +80,25 @@ protected:
     const SimulatorOptions& options() const { return *m_options; }
     // Publishes on the daemon's connection, honouring delay and silence.
     void send(const std::string& topic, const com::Message& message);
+    // Frames body and sends it with QoS 1.
+    template <typename T>
+    void send_framed(const std::string& topic, const T& body, std::uint32_t protocol,
+                     bool retain = false) {
+        auto framed = com::PbInternalMessageAdapter<T>(protocol).serialize(body);
+        if (!framed) {
+            return;
+        }
+        com::Message message = std::move(framed.value());
+        message.set_qos(1);
+        message.set_retain(retain);
+        send(topic, message);
+    }
+    // Removes the retained message of a topic, so that applications of a later run are not
+    // told this run's state. Meant for teardown(); neither delayed nor silenced.
+    void clear_retained(const std::string& topic);
+
+    // Subscribes a handler (QoS 1) on the daemon's connection; meant for setup().
+    void listen(const std::string& topic, Handler handler);
 
 private:
     friend class Simulator;

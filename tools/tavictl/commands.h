@@ -12,5 +12,9 @@ namespace tavictl {
 void add_log_commands(CLI::App& app, Session& session);
 void add_watch_command(CLI::App& app, Session& session);
 void add_record_commands(CLI::App& app, Session& session);
+void add_var_commands(CLI::App& app, Session& session);
+void add_sysparams_commands(CLI::App& app, Session& session);
+void add_bootflags_commands(CLI::App& app, Session& session);
+void add_bt_commands(CLI::App& app, Session& session);
 
 }  // namespace tavictl

@@ -28,6 +28,10 @@ int main(int argc, char** argv) {
         ecu::tavi::logging::set_log_mode(ecu::tavi::logging::STDERR);
         ecu::tavi::logging::set_log_level(options.log_level.c_str());
     });
+    add_var_commands(app, session);
+    add_sysparams_commands(app, session);
+    add_bootflags_commands(app, session);
+    add_bt_commands(app, session);
     add_log_commands(app, session);
     add_watch_command(app, session);
     add_record_commands(app, session);

@@ -567,10 +567,14 @@ void MqttClient::handle_subscribe(int mid) {
 }
 
 void MqttClient::handle_message(const struct mosquitto_message* mosq_message) {
-    const Message message(mosq_message->payload,
-                          mosq_message->payload != nullptr
-                              ? static_cast<size_t>(std::max(mosq_message->payloadlen, 0))
-                              : 0);
+    Message message(mosq_message->payload,
+                    mosq_message->payload != nullptr
+                        ? static_cast<size_t>(std::max(mosq_message->payloadlen, 0))
+                        : 0);
+    // As delivered: the lower of the publisher's and the subscription's QoS, and retained
+    // when the broker sent it from its store.
+    message.set_qos(static_cast<std::uint8_t>(mosq_message->qos));
+    message.set_retain(mosq_message->retain);
     const std::string topic(mosq_message->topic);
     if (get_log_level() >= 7) {
         DEBUG << s_log << "A message arrived on topic: " << topic;

@@ -10,7 +10,7 @@
 #include "ecu/tavi/com/protocol_types.h"
 #include "ecu/tavi/pb/bootflags.pb.h"
 #include "overrides.h"
-#include "support/platform_fixture.h"
+#include "support/client_fixture.h"
 
 namespace ecu::tavi::platform {
 namespace {
@@ -22,10 +22,11 @@ using Client = BootFlagsClient;
 
 // The boot loader's view, played by the peer: applies what is set and publishes the whole
 // flags again, or stays silent, or echoes flags that ignore the change.
-class BootFlagsTest : public test::PlatformClientTest {
+class BootFlagsTest : public test::ClientTest {
 protected:
+    BootFlagsTest() : ClientTest("platform-app") {}
     void SetUp() override {
-        test::PlatformClientTest::SetUp();
+        test::ClientTest::SetUp();
         if (IsSkipped()) {
             return;
         }
@@ -50,8 +51,8 @@ protected:
     }
 
     std::shared_ptr<Client> client(int wait_ms = 5000) {
-        auto flags = std::make_shared<Client>(m_app, wait_ms);
-        EXPECT_TRUE(m_app->wait_ready(10s));
+        auto flags = std::make_shared<Client>(m_transport, wait_ms);
+        EXPECT_TRUE(m_transport->wait_ready(10s));
         return flags;
     }
     void announce() {
@@ -172,7 +173,7 @@ TEST_F(BootFlagsTest, SetFailsWhenTheFlagsDoNotComeBackOrDiffer) {
 }
 
 TEST_F(BootFlagsTest, ChangesAreRefusedOnTpa) {
-    tavi::_internal::ScopedOverrides tpa(1, tpa_hostname());
+    tavi::_internal::ScopedOverrides tpa(1, test::tpa_hostname());
     auto flags = client();
     announce();
     EXPECT_EQ(Client::SET_REFUSED_ON_TPA, flags->switch_bank(Client::CAUSE_TAVI));

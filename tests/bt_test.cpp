@@ -9,7 +9,7 @@
 #include "ecu/tavi/com/protocol_types.h"
 #include "ecu/tavi/pb/bt.pb.h"
 #include "overrides.h"
-#include "support/platform_fixture.h"
+#include "support/client_fixture.h"
 
 namespace ecu::tavi::bt {
 namespace {
@@ -36,10 +36,11 @@ private:
 
 // The Bluetooth service, played by the peer: answers each discovery request first with a
 // foreign request id, then with its own, with the statuses the test sets.
-class BtTest : public test::PlatformClientTest {
+class BtTest : public test::ClientTest {
 protected:
+    BtTest() : ClientTest("platform-app") {}
     void SetUp() override {
-        test::PlatformClientTest::SetUp();
+        test::ClientTest::SetUp();
         if (IsSkipped()) {
             return;
         }
@@ -64,8 +65,8 @@ protected:
     }
 
     std::shared_ptr<BluetoothClient> client() {
-        auto made = create_bt_client(m_app);
-        EXPECT_TRUE(m_app->wait_ready(10s));
+        auto made = create_bt_client(m_transport);
+        EXPECT_TRUE(m_transport->wait_ready(10s));
         return made;
     }
 
@@ -104,7 +105,7 @@ TEST_F(BtTest, ScanTakesTheMatchingAnswerAndDeliversResults) {
     EXPECT_THAT(log(), HasSubstr("[INFO]: [tavi.bt.discovery] RPC response sequence error, will "
                                  "keep waiting\n"));
     EXPECT_THAT(log(), HasSubstr("[INFO]: [tavi.bt.discovery] BT device is scanning.\n"));
-    ASSERT_TRUE(m_app->wait_ready(10s));
+    ASSERT_TRUE(m_transport->wait_ready(10s));
 
     pb::BtDiscoveryResults results;
     results.set_status(pb::BtDiscoveryResults::RESULTS_OK);

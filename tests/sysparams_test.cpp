@@ -9,7 +9,7 @@
 
 #include "ecu/tavi/com/protocol_types.h"
 #include "overrides.h"
-#include "support/platform_fixture.h"
+#include "support/client_fixture.h"
 
 namespace ecu::tavi::var {
 namespace {
@@ -28,10 +28,11 @@ pb::SystemParameterEntry entry(unsigned int id, const std::string& value) {
 
 // The variable service's parameter table, played by the peer: answers requests, applies
 // writes except to the parameter that refuses changes, or stays silent.
-class SysParamsTest : public test::PlatformClientTest {
+class SysParamsTest : public test::ClientTest {
 protected:
+    SysParamsTest() : ClientTest("platform-app") {}
     void SetUp() override {
-        test::PlatformClientTest::SetUp();
+        test::ClientTest::SetUp();
         if (IsSkipped()) {
             return;
         }
@@ -56,8 +57,8 @@ protected:
         });
         ASSERT_TRUE(m_peer->subscribe("system/vard/request/sysparams"));
         ASSERT_TRUE(m_peer->subscribe("system/sysparams/write"));
-        m_params = create_sysparams_client(m_app);
-        ASSERT_TRUE(m_app->wait_ready(10s));
+        m_params = create_sysparams_client(m_transport);
+        ASSERT_TRUE(m_transport->wait_ready(10s));
     }
 
     static constexpr unsigned int kLocked = 3;
@@ -145,8 +146,8 @@ TEST_F(SysParamsTest, MergeOnAnEmptyTableFetchesFirst) {
 }
 
 TEST_F(SysParamsTest, ChangesAreRefusedOnTpa) {
-    tavi::_internal::ScopedOverrides tpa(1, tpa_hostname());
-    SysParamsClient params(m_app);
+    tavi::_internal::ScopedOverrides tpa(1, test::tpa_hostname());
+    SysParamsClient params(m_transport);
     params.set_all({{1, entry(1, "x")}});
     params.merge({{1, entry(1, "x")}});
     EXPECT_EQ(SysParamsClient::EMPTY, params.write().status);

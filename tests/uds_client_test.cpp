@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fstream>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -13,7 +12,7 @@
 #include "ecu/tavi/logging/logging.h"
 #include "ecu/tavi/pb/uds.pb.h"
 #include "overrides.h"
-#include "support/scripted_daemon.h"
+#include "support/client_fixture.h"
 
 namespace ecu::tavi::diag {
 namespace {
@@ -80,10 +79,11 @@ private:
 };
 
 // The application's UDS client against a scripted "udsifd".
-class UdsClientTest : public test::ClientTest<pb::UdsIfMessage> {
+class UdsClientTest : public test::ClientTest {
 protected:
-    UdsClientTest() : ClientTest(kApp, "system/udsifd/#", com::PROTOCOL_UDS) {}
+    UdsClientTest() : ClientTest(kApp) {}
     void make_client() override {
+        m_daemon = std::make_unique<Daemon>(m_broker, "system/udsifd/#", com::PROTOCOL_UDS);
         m_client = create_uds_client(m_transport, &m_recorder);
         ASSERT_TRUE(m_client);
     }
@@ -105,6 +105,7 @@ protected:
         answer_allocation({status(1)});
         ASSERT_EQ(UDS_INTERFACE_ALLOCATED, m_client->allocate_interface(kOwn, 5000));
     }
+    std::unique_ptr<Daemon> m_daemon;
     Recorder m_recorder;
     std::shared_ptr<UdsClient> m_client;
 };
@@ -265,9 +266,7 @@ TEST_F(UdsClientTest, SynchronousCallsInsideTheObserverAreRefusedAtOnce) {
 }
 
 TEST(UdsClientPartition, RefusedOnTpa) {
-    const std::string hostname = ::testing::TempDir() + "uds-hostname";
-    std::ofstream(hostname) << "tpa-01\n";
-    const _internal::ScopedOverrides tpa(1, hostname.c_str());
+    const _internal::ScopedOverrides tpa(1, test::tpa_hostname());
     std::shared_ptr<com::ITransportClient> transport;
     logging::set_log_mode(logging::STDOUT);
     const std::string log =

@@ -206,11 +206,9 @@ TEST_F(BackendTest, ContentCallbacksPerContentId) {
     // A topic whose id does not parse is logged and dropped.
     m_recording->observer("app/cid/7")->message("app/cid/abc", com::Message("x", 1));
     m_client->clear_content_callbacks(9);
-    for (const char* line : {"Invalid content ID requested for callback",
-                             "Failed to parse content id from topic 'app/cid/abc' : stoul",
-                             "Unable to find requested callback for deletion"}) {
-        EXPECT_THAT(log(), HasSubstr(line));
-    }
+    expect_logged({"Invalid content ID requested for callback",
+                   "Failed to parse content id from topic 'app/cid/abc' : stoul",
+                   "Unable to find requested callback for deletion"});
 }
 
 // The simulator's proxy: "queued" first, then the backend's verdict as the unit says.

@@ -25,11 +25,7 @@ using Client = BootFlagsClient;
 class BootFlagsTest : public test::ClientTest {
 protected:
     BootFlagsTest() : ClientTest("platform-app") {}
-    void SetUp() override {
-        test::ClientTest::SetUp();
-        if (IsSkipped()) {
-            return;
-        }
+    void make_client() override {
         m_flags.set_current_bank(pb::BootFlags::BOOT_BANK_0);
         m_flags.set_boot_bank(pb::BootFlags::BOOT_BANK_0);
         m_flags.set_bank0_valid(true);
@@ -135,10 +131,11 @@ TEST_F(BootFlagsTest, SwitchBankChecksCauseAndTargetBeforeSetting) {
               flags->set_boot_bank(Client::BOOT_BANK_1, Client::CAUSE_UBOOT_WATCHDOG));
     EXPECT_EQ(Client::SET_INVALID_BANK, flags->set_boot_bank_valid(Client::BootBank(255), true));
     EXPECT_EQ(0u, m_peer->count("system/bootflags/set")) << "nothing was published";
-    EXPECT_THAT(log(), HasSubstr("[ERROR]: [tavi.bootflags] Invalid bank switch cause "
-                                 "requested,SW update can not perform a bank switch.\n"));
-    EXPECT_THAT(log(), HasSubstr("[ERROR]: [tavi.bootflags] Other bank (1) is not marked as "
-                                 "valid, can not perform a bank switch.\n"));
+    expect_logged(
+        {"[ERROR]: [tavi.bootflags] Invalid bank switch cause "
+         "requested,SW update can not perform a bank switch.\n",
+         "[ERROR]: [tavi.bootflags] Other bank (1) is not marked as "
+         "valid, can not perform a bank switch.\n"});
 
     EXPECT_EQ(Client::SET_SUCCESSFUL, flags->set_boot_bank_valid(Client::BOOT_BANK_1, true));
     EXPECT_EQ(Client::SET_SUCCESSFUL, flags->switch_bank(Client::CAUSE_TAVI_9));
@@ -161,15 +158,12 @@ TEST_F(BootFlagsTest, SetFailsWhenTheFlagsDoNotComeBackOrDiffer) {
     EXPECT_EQ(Client::SET_TIMEOUT_FAILED,
               flags->set_boot_bank(Client::BOOT_BANK_1, Client::CAUSE_TAVI));
 
-    const std::string text = log();
-    EXPECT_THAT(text, HasSubstr("[ERROR]: [tavi.bootflags] Verification of new boot flags "
-                                "failed for 'boot bank\n"));
-    EXPECT_THAT(text, HasSubstr("[ERROR]: [tavi.bootflags] Verification of new boot flags "
-                                "failed for 'bank 0 valid'\n"));
-    EXPECT_THAT(text, HasSubstr("[ERROR]: [tavi.bootflags] Failed to set boot flags: Verify "
-                                "failed. Could not perform a bank switch.\n"));
-    EXPECT_THAT(text, HasSubstr("[ERROR]: [tavi.bootflags] Failed to set boot flags: Timeout "
-                                "failed\n"));
+    expect_logged(
+        {"[ERROR]: [tavi.bootflags] Verification of new boot flags failed for 'boot bank\n",
+         "[ERROR]: [tavi.bootflags] Verification of new boot flags failed for 'bank 0 valid'\n",
+         "[ERROR]: [tavi.bootflags] Failed to set boot flags: Verify failed. Could not perform a "
+         "bank switch.\n",
+         "[ERROR]: [tavi.bootflags] Failed to set boot flags: Timeout failed\n"});
 }
 
 TEST_F(BootFlagsTest, ChangesAreRefusedOnTpa) {
@@ -180,11 +174,9 @@ TEST_F(BootFlagsTest, ChangesAreRefusedOnTpa) {
     EXPECT_EQ(Client::SET_REFUSED_ON_TPA,
               flags->set_boot_bank(Client::BOOT_BANK_1, Client::CAUSE_TAVI));
     EXPECT_EQ(Client::SET_REFUSED_ON_TPA, flags->set_boot_bank_valid(Client::BOOT_BANK_1, false));
-    for (const char* line :
-         {"Cannot set switch bank on TPA partition.", "Cannot set boot bank on TPA partition.",
-          "Cannot set boot bank valid on TPA partition."}) {
-        EXPECT_THAT(log(), HasSubstr(std::string("[ERROR]: [tavi.bootflags] ") + line + "\n"));
-    }
+    expect_logged({"[ERROR]: [tavi.bootflags] Cannot set switch bank on TPA partition.\n",
+                   "[ERROR]: [tavi.bootflags] Cannot set boot bank on TPA partition.\n",
+                   "[ERROR]: [tavi.bootflags] Cannot set boot bank valid on TPA partition.\n"});
     EXPECT_EQ(0u, m_peer->count("system/bootflags/set"));
     // Reading is allowed.
     EXPECT_TRUE(flags->current_bank().first);

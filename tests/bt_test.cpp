@@ -39,11 +39,7 @@ private:
 class BtTest : public test::ClientTest {
 protected:
     BtTest() : ClientTest("platform-app") {}
-    void SetUp() override {
-        test::ClientTest::SetUp();
-        if (IsSkipped()) {
-            return;
-        }
+    void make_client() override {
         m_peer->set_handler([this](const test::MqttPeer::Received& message) {
             if (message.topic != "system/bt/discovery/request" || m_silent) {
                 return;
@@ -102,9 +98,10 @@ TEST_F(BtTest, ScanTakesTheMatchingAnswerAndDeliversResults) {
 
     ASSERT_TRUE(discovery->start_scan());
     EXPECT_TRUE(discovery->scanning());
-    EXPECT_THAT(log(), HasSubstr("[INFO]: [tavi.bt.discovery] RPC response sequence error, will "
-                                 "keep waiting\n"));
-    EXPECT_THAT(log(), HasSubstr("[INFO]: [tavi.bt.discovery] BT device is scanning.\n"));
+    expect_logged(
+        {"[INFO]: [tavi.bt.discovery] RPC response sequence error, will "
+         "keep waiting\n",
+         "[INFO]: [tavi.bt.discovery] BT device is scanning.\n"});
     ASSERT_TRUE(m_transport->wait_ready(10s));
 
     pb::BtDiscoveryResults results;
@@ -154,9 +151,9 @@ TEST_F(BtTest, RefusedOrUnansweredCallsFail) {
                                  "Discovery\n"));
     m_silent = true;
     EXPECT_FALSE(discovery->stop_scan());
-    EXPECT_THAT(log(), HasSubstr("[INFO]: [tavi.bt.discovery] RPC timed out\n"));
-    EXPECT_THAT(log(), HasSubstr("[NOTICE]: [tavi.bt.discovery] Failed to stop Device "
-                                 "Discovery\n"));
+    expect_logged({"[INFO]: [tavi.bt.discovery] RPC timed out\n",
+                   "[NOTICE]: [tavi.bt.discovery] Failed to stop Device "
+                   "Discovery\n"});
     EXPECT_FALSE(discovery->scanning());
 }
 

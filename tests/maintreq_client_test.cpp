@@ -123,9 +123,10 @@ TEST_F(MaintReqTest, FailuresReturnTheirTexts) {
 
     m_silent = true;
     EXPECT_EQ("Timeout occured", m_client->request({}, 1000).error());
-    EXPECT_THAT(log(), HasSubstr("[WARNING]: [tavi.diag.maintreq] "
-                                 "[MaintenanceRequestClient:maintreq_client:"));
-    EXPECT_THAT(log(), HasSubstr("] Timeout occured while waiting for maintenance request!"));
+    expect_logged(
+        {"[WARNING]: [tavi.diag.maintreq] "
+         "[MaintenanceRequestClient:maintreq_client:",
+         "] Timeout occured while waiting for maintenance request!"});
 
     m_silent = false;
     m_garbage = true;

@@ -75,9 +75,10 @@ TEST_F(PgnClientTest, GrantedTokenIsReleasedWithoutWaiting) {
         EXPECT_EQ("65226", request.second.pgn());
         EXPECT_EQ(kApp, request.second.client_name());
     }
-    EXPECT_THAT(log(), HasSubstr("[NOTICE]: [tavi.diag.pgn] Request token for 65226 has been "
-                                 "acquired!"));
-    EXPECT_THAT(log(), HasSubstr("[NOTICE]: [tavi.diag.pgn] Explicitly release token for 65226"));
+    expect_logged(
+        {"[NOTICE]: [tavi.diag.pgn] Request token for 65226 has been "
+         "acquired!",
+         "[NOTICE]: [tavi.diag.pgn] Explicitly release token for 65226"});
 }
 
 TEST_F(PgnClientTest, RefusalsEndTheRequestWithTheirError) {

@@ -75,13 +75,6 @@ protected:
         return parse<pb::LogConfig>(m_peer->received().back().payload);
     }
 
-    void expect_logged(std::initializer_list<std::string> lines) {
-        const std::string text = log();
-        for (const auto& line : lines) {
-            EXPECT_THAT(text, HasSubstr(line));
-        }
-    }
-
     std::unique_ptr<logging::RemoteLogControl> m_control;
 };
 

@@ -31,11 +31,7 @@ pb::SystemParameterEntry entry(unsigned int id, const std::string& value) {
 class SysParamsTest : public test::ClientTest {
 protected:
     SysParamsTest() : ClientTest("platform-app") {}
-    void SetUp() override {
-        test::ClientTest::SetUp();
-        if (IsSkipped()) {
-            return;
-        }
+    void make_client() override {
         for (unsigned int id : {1u, 2u, kLocked}) {
             *m_table.add_entries() = entry(id, "v" + std::to_string(id));
         }
@@ -58,7 +54,6 @@ protected:
         ASSERT_TRUE(m_peer->subscribe("system/vard/request/sysparams"));
         ASSERT_TRUE(m_peer->subscribe("system/sysparams/write"));
         m_params = create_sysparams_client(m_transport);
-        ASSERT_TRUE(m_transport->wait_ready(10s));
     }
 
     static constexpr unsigned int kLocked = 3;
@@ -152,10 +147,11 @@ TEST_F(SysParamsTest, ChangesAreRefusedOnTpa) {
     params.merge({{1, entry(1, "x")}});
     EXPECT_EQ(SysParamsClient::EMPTY, params.write().status);
     EXPECT_EQ(0, m_requests) << "merge did not even fetch";
-    EXPECT_THAT(log(), HasSubstr("[ERROR]: [tavi.sysparams] [SysParamsClient] Cannot set all "
-                                 "sysparams on TPA partition.\n"));
-    EXPECT_THAT(log(), HasSubstr("[ERROR]: [tavi.sysparams] [SysParamsClient] Cannot merge "
-                                 "sysparams on TPA partition.\n"));
+    expect_logged(
+        {"[ERROR]: [tavi.sysparams] [SysParamsClient] Cannot set all "
+         "sysparams on TPA partition.\n",
+         "[ERROR]: [tavi.sysparams] [SysParamsClient] Cannot merge "
+         "sysparams on TPA partition.\n"});
 }
 
 }  // namespace

@@ -238,14 +238,9 @@ TEST_F(UdsClientTest, MalformedMessagesAreLoggedAndDropped) {
     m_daemon->peer().publish(kStatus, std::string(30, '\xff'), 1);
     m_daemon->peer().publish(kStatus, m_daemon->reply(kStatus, on_interface(7)).message.get_data(),
                              1);
-    EXPECT_TRUE(test::wait_until([&] {
-        return log().find(
-                   "Unable to deserialize message for topic app/uds-app/uds/status, "
-                   "unable to continue!") != std::string::npos &&
-               log().find(
-                   "Status is not available on message for topic: "
-                   "app/uds-app/uds/status") != std::string::npos;
-    }));
+    EXPECT_TRUE(logged(
+        "Unable to deserialize message for topic app/uds-app/uds/status, unable to continue!"));
+    EXPECT_TRUE(logged("Status is not available on message for topic: app/uds-app/uds/status"));
     EXPECT_TRUE(m_recorder.statuses().empty());
 }
 
@@ -259,10 +254,10 @@ TEST_F(UdsClientTest, SynchronousCallsInsideTheObserverAreRefusedAtOnce) {
     allocate();
     ASSERT_TRUE(test::wait_until([&] { return m_recorder.statuses().size() == 1; }));
     EXPECT_THAT(inside, ElementsAre(3u, 3u, 0u));
-    for (const char* call : {"allocate_interface", "send_request", "release_interface"}) {
-        EXPECT_THAT(log(), HasSubstr(std::string("[ERROR]: [tavi.diag.uds] ") + call +
-                                     " called on the transport's network thread"));
-    }
+    expect_logged(
+        {"[ERROR]: [tavi.diag.uds] allocate_interface called on the transport's network thread",
+         "[ERROR]: [tavi.diag.uds] send_request called on the transport's network thread",
+         "[ERROR]: [tavi.diag.uds] release_interface called on the transport's network thread"});
 }
 
 TEST(UdsClientPartition, RefusedOnTpa) {

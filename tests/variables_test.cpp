@@ -23,12 +23,8 @@ using ::testing::Not;
 class VariablesTest : public test::ClientTest {
 protected:
     VariablesTest() : ClientTest("platform-app") {}
-    void SetUp() override {
-        test::ClientTest::SetUp();
-        if (!IsSkipped()) {
-            m_vars = create_var_client(m_transport);
-        }
-    }
+    void make_client() override { m_vars = create_var_client(m_transport); }
+    void drop_client() override { m_vars.reset(); }
 
     void publish_var(const std::string& name, const std::string& value, std::uint64_t timestamp = 0,
                      bool retain = true) {
@@ -60,10 +56,11 @@ TEST_F(VariablesTest, RetainedValueIsWaitedForOnceThenServedFromTheCache) {
 TEST_F(VariablesTest, TimeOutGivesTheDefaultAndALateValueIsKept) {
     EXPECT_EQ("fallback", m_vars->get("late", "fallback", 0));
     EXPECT_EQ("", m_vars->get("late", "", 50));
-    EXPECT_THAT(log(), HasSubstr("[INFO]: [tavi.variables] Request for variable 'late' timed "
-                                 "out. Returning default value = 'fallback'\n"));
-    EXPECT_THAT(log(), HasSubstr("[INFO]: [tavi.variables] Request for variable 'late' timed "
-                                 "out.\n"));
+    expect_logged(
+        {"[INFO]: [tavi.variables] Request for variable 'late' timed "
+         "out. Returning default value = 'fallback'\n",
+         "[INFO]: [tavi.variables] Request for variable 'late' timed "
+         "out.\n"});
 
     // An empty delivery leaves the variable unknown.
     publish_var("late", "");

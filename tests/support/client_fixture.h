@@ -207,6 +207,12 @@ protected:
     }
 
     std::string log() { return m_capture->text(); }
+    void expect_logged(std::initializer_list<std::string> lines) {
+        const std::string text = log();
+        for (const auto& line : lines) {
+            EXPECT_NE(text.find(line), std::string::npos) << "not logged: " << line;
+        }
+    }
     bool logged(const std::string& text) {
         return wait_until([&] { return log().find(text) != std::string::npos; });
     }

@@ -9,7 +9,6 @@
 #include <mosquittopp.h>
 
 #include <chrono>
-#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -18,9 +17,7 @@
 #include "ecu/tavi/com/client.h"
 #include "ecu/tavi/com/messageadapter.h"
 #include "ecu/tavi/com/protocol_types.h"
-#include "ecu/tavi/logging/logging.h"
 #include "ecu/tavi/pb/backend.pb.h"
-#include "ecu/tavi/sim/testkit.h"
 
 namespace {
 
@@ -30,7 +27,7 @@ using bench::BareClient;
 using bench::kBatch;
 using bench::kPayload;
 
-sim::TestKit* g_kit = nullptr;
+using bench::g_kit;
 
 void BM_Publish64_BareOneWay(benchmark::State& state) {
     bench::bare_publish_throughput(state, "bench/bare/flood");
@@ -107,17 +104,5 @@ BENCHMARK(BM_BackendPublish64_WithCallback)->UseRealTime()->MinTime(1.0);
 }  // namespace
 
 int main(int argc, char** argv) {
-    logging::set_log_level(3);  // errors only
-    mosqpp::lib_init();
-    sim::TestKit kit({"backend.ack_delay_ms = 0\n", ""});
-    if (!kit.start()) {
-        std::fprintf(stderr, "cannot start the test kit: %s\n", kit.error().c_str());
-        return 1;
-    }
-    g_kit = &kit;
-    bench::g_broker = &kit.broker();
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return ecu::tavi::bench::run_with_kit(argc, argv, "backend.ack_delay_ms = 0\n");
 }

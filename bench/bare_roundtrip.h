@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "ecu/tavi/logging/logging.h"
+#include "ecu/tavi/sim/testkit.h"
 #include "support/broker.h"
 #include "support/mqtt_peer.h"
 
@@ -29,6 +30,8 @@ namespace ecu::tavi::bench {
 using Clock = std::chrono::steady_clock;
 
 inline test::Broker* g_broker = nullptr;
+// The simulator of the run, for the programs started by run_with_kit().
+inline sim::TestKit* g_kit = nullptr;
 
 // Counts arrivals and wakes one waiter; shared by the bare client and the observer.
 struct Arrivals {
@@ -194,6 +197,24 @@ inline int run_with_broker(int argc, char** argv) {
         return 1;
     }
     g_broker = &broker;
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
+
+// main() of a benchmark program against the simulator: starts a test kit with this unit
+// configuration (its broker is the broker of the run), runs the benchmarks, stops it.
+inline int run_with_kit(int argc, char** argv, const std::string& unit_text) {
+    logging::set_log_level(3);  // errors only: clients and daemons log every exchange
+    mosqpp::lib_init();
+    sim::TestKit kit({unit_text, ""});
+    if (!kit.start()) {
+        std::fprintf(stderr, "cannot start the simulator: %s\n", kit.error().c_str());
+        return 1;
+    }
+    g_kit = &kit;
+    g_broker = &kit.broker();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

@@ -4,22 +4,19 @@
 #include <benchmark/benchmark.h>
 
 #include <chrono>
-#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "bare_roundtrip.h"
 #include "ecu/tavi/com/client.h"
 #include "ecu/tavi/diag/uds_client.h"
-#include "ecu/tavi/logging/logging.h"
-#include "ecu/tavi/sim/testkit.h"
 
 namespace {
 
 using namespace ecu::tavi;
 using Clock = std::chrono::steady_clock;
 
-sim::TestKit* g_kit = nullptr;
+using bench::g_kit;
 
 // ReadDataByIdentifier of the VIN, answered from the unit's table; each iteration makes one
 // bare exchange and one UDS request in turn, so that both meet the same load. Reports
@@ -67,17 +64,6 @@ BENCHMARK(BM_RoundTrip_UdsRequestVsBare)->UseRealTime()->MinTime(2.0);
 }  // namespace
 
 int main(int argc, char** argv) {
-    logging::set_log_level(3);  // errors only: client and daemon log every exchange
-    mosqpp::lib_init();
-    sim::TestKit kit({"uds.answer.17.22f190 = 62f190574442393633343033314c393837363534\n", ""});
-    if (!kit.start()) {
-        std::fprintf(stderr, "cannot start the simulator: %s\n", kit.error().c_str());
-        return 1;
-    }
-    g_kit = &kit;
-    bench::g_broker = &kit.broker();
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return ecu::tavi::bench::run_with_kit(
+        argc, argv, "uds.answer.17.22f190 = 62f190574442393633343033314c393837363534\n");
 }

@@ -6,18 +6,11 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
-#include <sstream>
 
-#include "ecu/tavi/com/client.h"
-#include "ecu/tavi/com/messageadapter.h"
 #include "ecu/tavi/com/protocol_types.h"
-#include "ecu/tavi/config/configuration.h"
-#include "ecu/tavi/logging/logging.h"
 #include "ecu/tavi/pb/ecuvariable.pb.h"
 #include "ecu/tavi/sim/testkit.h"
-#include "support/broker.h"
-#include "support/capture.h"
-#include "support/mqtt_peer.h"
+#include "support/client_fixture.h"
 
 namespace ecu::tavi {
 namespace {
@@ -27,19 +20,8 @@ using com::AclResult;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::HasSubstr;
-using Adapter = com::PbInternalMessageAdapter<pb::AclIfMessage>;
 
 const char* const kApp = "acl-app";
-
-std::shared_ptr<com::ITransportClient> connected(const std::string& config_text) {
-    std::istringstream text(config_text);
-    auto config = config::Configuration::create_from_input(text);
-    EXPECT_TRUE(config->verify());
-    auto client = com::create_mqtt_client(config);
-    EXPECT_TRUE(client->connect());
-    client->start();
-    return client;
-}
 
 std::vector<uint8_t> hwversion(const std::string& value) {
     pb::EcuVariable variable;
@@ -52,55 +34,36 @@ std::vector<uint8_t> hwversion(const std::string& value) {
 
 // The application's ACL client, with a plain MQTT peer playing the access-control daemon
 // and the REST gateway: it answers every request with m_result (none when negative).
-class AclTest : public ::testing::Test {
+class AclTest : public test::ClientTest {
 protected:
-    void SetUp() override {
-        if (!test::Broker::available()) {
-            GTEST_SKIP() << "mosquitto is not installed";
-        }
-        ASSERT_TRUE(m_broker.start());
-        logging::set_log_mode(logging::STDOUT);
-        logging::set_log_level(7);
-        m_daemon = std::make_unique<test::MqttPeer>(m_broker.host(), m_broker.port());
-        m_daemon->set_handler([this](const test::MqttPeer::Received& received) {
+    AclTest() : ClientTest(kApp) {}
+    void make_client() override {
+        m_peer->set_handler([this](const test::MqttPeer::Received& received) {
             if (received.topic.rfind("system/", 0) != 0 || m_result < 0) {
                 return;
             }
             pb::AclIfMessage answer;
             answer.mutable_response()->set_result(m_result);
-            m_daemon->publish(std::string("app/") + kApp + "/acl/response",
-                              Adapter(com::PROTOCOL_ACL).serialize(answer).value().get_data());
+            publish(std::string("app/") + kApp + "/acl/response", answer, com::PROTOCOL_ACL);
         });
-        ASSERT_TRUE(m_daemon->subscribe("system/aclifd/request"));
-        ASSERT_TRUE(m_daemon->subscribe("system/mdpd/request"));
-        m_transport = connected(m_broker.client_config(kApp));
+        ASSERT_TRUE(m_peer->subscribe("system/aclifd/request"));
+        ASSERT_TRUE(m_peer->subscribe("system/mdpd/request"));
         m_client = std::make_shared<com::AclClientImpl>(m_transport);
-        ASSERT_TRUE(m_transport->wait_ready(std::chrono::seconds(10)));
     }
-    void TearDown() override {
-        m_client.reset();
-        if (m_transport) {
-            m_transport->stop();
-        }
-    }
+    void drop_client() override { m_client.reset(); }
 
     // The requests the daemon got, with their topics.
     std::vector<std::pair<std::string, pb::AclIfMessage>> requests() {
         std::vector<std::pair<std::string, pb::AclIfMessage>> out;
-        for (const auto& r : m_daemon->received()) {
+        for (const auto& r : m_peer->received()) {
             if (r.topic.rfind("system/", 0) == 0) {
-                auto decoded = Adapter(com::PROTOCOL_ACL)
-                                   .deserialize(com::Message(r.payload.data(), r.payload.size()));
-                out.emplace_back(r.topic, decoded.value());
+                out.emplace_back(r.topic, parse<pb::AclIfMessage>(r.payload));
             }
         }
         return out;
     }
 
-    test::Broker m_broker;
-    std::unique_ptr<test::MqttPeer> m_daemon;
     std::atomic<int> m_result{1};
-    std::shared_ptr<com::ITransportClient> m_transport;
     std::shared_ptr<com::AclClientImpl> m_client;
 };
 
@@ -183,7 +146,7 @@ TEST_F(AclTest, RefusesBadNamesTopicsPortsAndListsWithoutSending) {
 TEST_F(AclTest, FeatureFlagsExpandIntoTheirTopics) {
     auto expanded = [&](const std::vector<std::string>& sub, const std::vector<std::string>& pub,
                         const com::TaviFeatures& features) {
-        m_daemon->clear();
+        m_peer->clear();
         EXPECT_EQ(0, code(m_client->add_mqtt_acl("fleet1", sub, pub, features)));
         const pb::AclIfMessage request = requests().at(0).second;
         EXPECT_EQ(pb::AclInterface::MQTT, request.interface().protocol());
@@ -227,7 +190,7 @@ TEST_F(AclTest, RoutesRequestsAndMapsTheAnswers) {
         {[](auto& c) { return c.add_mqtt_user("u1", "pw"); }, "system/aclifd/request", 0, 5},
     };
     for (const auto& c : cases) {
-        m_daemon->clear();
+        m_peer->clear();
         m_result = c.answer;
         EXPECT_EQ(c.code, code(c.call(*m_client))) << c.topic << " answered " << c.answer;
         ASSERT_EQ(1u, requests().size());
@@ -247,36 +210,24 @@ TEST_F(AclTest, RoutesRequestsAndMapsTheAnswers) {
     EXPECT_EQ(3, code(late));
 
     // From inside an observer the answer could never arrive: refused at once.
-    std::atomic<int> inside{-1};
-    struct Trigger : com::ISubscriptionObserver {
-        std::function<void()> run;
-        void message(const std::string&, const com::Message&) override { run(); }
-    };
-    auto trigger = std::make_shared<Trigger>();
-    trigger->run = [&] {
+    int inside = -1;
+    ASSERT_TRUE(run_inside([&] {
         auto copy = request;
         inside = code(m_client->send_request(copy, 150000));
-    };
-    m_transport->subscribe("acl-test/trigger", 0, trigger);
-    ASSERT_TRUE(m_transport->wait_ready(std::chrono::seconds(10)));
-    const std::string log = test::log_of([&] {
-        m_daemon->publish("acl-test/trigger", std::string("go"));
-        EXPECT_TRUE(test::wait_until([&] { return inside >= 0; }));
-    });
+    }));
     EXPECT_EQ(3, inside);
-    EXPECT_THAT(log, HasSubstr("called on the transport's network thread"));
-    m_transport->unsubscribe("acl-test/trigger", trigger);
+    EXPECT_THAT(log(), HasSubstr("called on the transport's network thread"));
 }
 
 TEST_F(AclTest, ExistsOnlyOnVcmUnits) {
-    ASSERT_EQ(0, m_daemon->publish("system/var/hwversion", hwversion("tcm"), 1, true));
+    ASSERT_EQ(0, m_peer->publish("system/var/hwversion", hwversion("tcm"), 1, true));
     std::pair<bool, std::shared_ptr<com::AclClient>> created;
     EXPECT_THAT(test::log_of([&] { created = com::create_acl_client(m_transport); }),
                 HasSubstr("AclClient is not available on this version!"));
     EXPECT_FALSE(created.first);
     EXPECT_FALSE(created.second);
 
-    ASSERT_EQ(0, m_daemon->publish("system/var/hwversion", hwversion("vcm"), 1, true));
+    ASSERT_EQ(0, m_peer->publish("system/var/hwversion", hwversion("vcm"), 1, true));
     ASSERT_TRUE(test::wait_until([&] { return com::create_acl_client(m_transport).first; }));
 }
 
@@ -291,7 +242,8 @@ TEST(AclOnBroker, UserLogsInAndIsAllowedAndRefusedAsItsListSays) {
     test::MqttPeer watcher(kit.broker().host(), kit.broker().port());
     ASSERT_TRUE(watcher.wait_connected());
     ASSERT_EQ(0, watcher.publish("system/var/hwversion", hwversion("vcm"), 1, true));
-    auto admin = connected(kit.client_config("fleet-admin"));
+    auto admin = test::app_transport(kit.client_config("fleet-admin"));
+    ASSERT_TRUE(test::start_app(*admin));
     auto created = com::create_acl_client(admin);
     ASSERT_TRUE(created.first);
     auto& acl = *created.second;
@@ -314,9 +266,9 @@ TEST(AclOnBroker, UserLogsInAndIsAllowedAndRefusedAsItsListSays) {
         }
     };
     auto inbox = std::make_shared<Inbox>();
-    auto user = connected(kit.client_config("fleetapp") +
-                          "login_username = fleetapp\nlogin_password = s3cret\n");
-    ASSERT_TRUE(user->isConnected());
+    auto user = test::app_transport(kit.client_config("fleetapp") +
+                                    "login_username = fleetapp\nlogin_password = s3cret\n");
+    ASSERT_TRUE(test::start_app(*user));
     user->subscribe("fleet/other/inbox", 0, inbox);
     user->subscribe("fleet/fleetapp/inbox", 0, inbox);
     ASSERT_TRUE(user->wait_ready(std::chrono::seconds(10)));

@@ -6,20 +6,13 @@
 #include <atomic>
 #include <map>
 #include <mutex>
-#include <sstream>
 #include <thread>
 
-#include "ecu/tavi/com/client.h"
-#include "ecu/tavi/com/messageadapter.h"
 #include "ecu/tavi/com/protocol_types.h"
-#include "ecu/tavi/config/configuration.h"
-#include "ecu/tavi/logging/logging.h"
 #include "ecu/tavi/pb/backend.pb.h"
 #include "ecu/tavi/sim/testkit.h"
 #include "mqttclient.h"
-#include "support/broker.h"
-#include "support/capture.h"
-#include "support/mqtt_peer.h"
+#include "support/client_fixture.h"
 
 namespace ecu::tavi {
 namespace {
@@ -57,57 +50,30 @@ private:
     std::map<std::string, std::shared_ptr<com::ISubscriptionObserver>> m_observers;
 };
 
-template <typename T>
-std::vector<uint8_t> framed(const T& body) {
-    return com::PbInternalMessageAdapter<T>(com::PROTOCOL_BACKEND_PROXY)
-        .serialize(body)
-        .value()
-        .get_data();
-}
-
 // The application's backend client, with a plain MQTT peer playing the proxy.
-class BackendTest : public ::testing::Test {
+class BackendTest : public test::ClientTest {
 protected:
-    void SetUp() override {
-        if (!test::Broker::available()) {
-            GTEST_SKIP() << "mosquitto is not installed";
-        }
-        ASSERT_TRUE(m_broker.start());
-        logging::set_log_mode(logging::STDOUT);
-        logging::set_log_level(7);
-        logging::enable("tavi.com.backend", true);
-        m_capture = std::make_unique<test::StdoutCapture>();
-        m_proxy = std::make_unique<test::MqttPeer>(m_broker.host(), m_broker.port());
-        ASSERT_TRUE(m_proxy->subscribe("be/publish"));
-        std::istringstream text(m_broker.client_config("be-app"));
-        auto config = config::Configuration::create_from_input(text);
-        ASSERT_TRUE(config->verify());
-        m_transport = std::make_shared<RecordingClient>(config);
-        ASSERT_TRUE(m_transport->connect());
-        std::shared_ptr<com::ITransportClient> transport = m_transport;
-        m_client = com::create_be_client(transport);
-        m_transport->start();
-        ASSERT_TRUE(m_transport->wait_ready(std::chrono::seconds(10)));
+    BackendTest() : ClientTest("be-app") {}
+    std::shared_ptr<com::ITransportClient> make_transport() override {
+        auto config = test::app_config(m_broker.client_config(m_app));
+        m_recording = std::make_shared<RecordingClient>(config);
+        return m_recording;
     }
-    void TearDown() override {
-        m_client.reset();
-        if (m_transport) {
-            m_transport->stop();
-        }
+    void make_client() override {
+        ASSERT_TRUE(m_peer->subscribe("be/publish"));
+        m_client = com::create_be_client(m_transport);
     }
+    void drop_client() override { m_client.reset(); }
 
     pb::BackendProxyTransmit sent(size_t index) {
-        EXPECT_TRUE(m_proxy->wait_for("be/publish", index + 1));
-        const std::string payload = m_proxy->received().at(index).payload;
-        return com::PbInternalMessageAdapter<pb::BackendProxyTransmit>(com::PROTOCOL_BACKEND_PROXY)
-            .deserialize(com::Message(payload.data(), payload.size()))
-            .value();
+        EXPECT_TRUE(m_peer->wait_for("be/publish", index + 1));
+        return parse<pb::BackendProxyTransmit>(m_peer->received().at(index).payload);
     }
     void respond(std::uint64_t id, int status) {
         pb::BackendProxyResponse response;
         response.set_request_id(id);
         response.set_status(static_cast<pb::BackendProxyResponse::Status>(status));
-        ASSERT_EQ(0, m_proxy->publish("app/be-app/be/response", framed(response)));
+        publish("app/be-app/be/response", response, com::PROTOCOL_BACKEND_PROXY);
     }
     std::vector<Call> calls() {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -120,10 +86,7 @@ protected:
         };
     }
 
-    test::Broker m_broker;
-    std::unique_ptr<test::StdoutCapture> m_capture;
-    std::unique_ptr<test::MqttPeer> m_proxy;
-    std::shared_ptr<RecordingClient> m_transport;
+    std::shared_ptr<RecordingClient> m_recording;
     std::shared_ptr<Client> m_client;
     std::mutex m_mutex;
     std::vector<Call> m_calls;
@@ -150,7 +113,7 @@ TEST_F(BackendTest, PublishNumbersRequestsFromOneAndSendsTheOptions) {
     EXPECT_TRUE(first.response_wanted());
     EXPECT_EQ(content, first.payload());
     EXPECT_FALSE(sent(1).response_wanted());
-    EXPECT_EQ(2u, m_proxy->count("be/publish"));  // the empty one never left
+    EXPECT_EQ(2u, m_peer->count("be/publish"));  // the empty one never left
 
     // A send that fails reports status 1 to the callback.
     m_transport->stop();
@@ -166,13 +129,9 @@ TEST_F(BackendTest, ResponseCallbackStaysUntilAFinalStatus) {
     respond(1, pb::BackendProxyResponse::DELIVERED);
     ASSERT_TRUE(test::wait_until([&] { return calls().size() == 2; }));
     respond(1, pb::BackendProxyResponse::DELIVERED);
-    ASSERT_TRUE(test::wait_until([&] {
-        return m_capture->text().find("No callback registered for BackendClient request 1") !=
-               std::string::npos;
-    }));
+    ASSERT_TRUE(logged("No callback registered for BackendClient request 1"));
     EXPECT_THAT(calls(), ElementsAre(Call{1, 2}, Call{1, 0}));
-    EXPECT_THAT(m_capture->text(),
-                HasSubstr("BackendClient responded to request 1 with status [QUEUED]"));
+    EXPECT_THAT(log(), HasSubstr("BackendClient responded to request 1 with status [QUEUED]"));
 }
 
 TEST_F(BackendTest, FollowsConnectionAndQueueStatus) {
@@ -186,7 +145,7 @@ TEST_F(BackendTest, FollowsConnectionAndQueueStatus) {
     for (int status : {2, 1, 0}) {
         pb::BackendProxyStatus message;
         message.set_status(static_cast<pb::BackendProxyStatus::Status>(status));
-        ASSERT_EQ(0, m_proxy->publish("be/status", framed(message)));
+        publish("be/status", message, com::PROTOCOL_BACKEND_PROXY);
         if (status == 2) {
             ASSERT_TRUE(test::wait_until([&] { return m_client->is_connected(); }));
         }
@@ -205,7 +164,7 @@ TEST_F(BackendTest, FollowsConnectionAndQueueStatus) {
     queue.set_available(90);
     queue.set_in_flight(7);
     queue.set_kl30robust(3);
-    ASSERT_EQ(0, m_proxy->publish("be/queue/status", framed(queue), 1, true));
+    publish("be/queue/status", queue, com::PROTOCOL_BACKEND_PROXY, true);
     std::atomic<int> reported{0};
     m_client->add_queue_status_callback(
         [&](const Client::QueueStatus& status) { reported = static_cast<int>(status.in_flight); });
@@ -215,7 +174,7 @@ TEST_F(BackendTest, FollowsConnectionAndQueueStatus) {
     EXPECT_EQ(90u, status.available);
     EXPECT_EQ(3u, status.kl30robust);
     EXPECT_GT(status.received_ms, 0u);
-    EXPECT_EQ(1, m_transport->subscriptions("be/queue/status"));
+    EXPECT_EQ(1, m_recording->subscriptions("be/queue/status"));
 }
 
 TEST_F(BackendTest, ContentCallbacksPerContentId) {
@@ -232,12 +191,12 @@ TEST_F(BackendTest, ContentCallbacksPerContentId) {
     m_client->add_content_callback(7, keep("first"));
     m_client->add_content_callback(7, keep("second"));
     m_client->add_content_callback(8, keep("marker"));
-    EXPECT_EQ(0, m_transport->subscriptions("app/cid/0"));
-    EXPECT_EQ(1, m_transport->subscriptions("app/cid/7"));
+    EXPECT_EQ(0, m_recording->subscriptions("app/cid/0"));
+    EXPECT_EQ(1, m_recording->subscriptions("app/cid/7"));
     ASSERT_TRUE(m_transport->wait_ready(std::chrono::seconds(10)));
 
-    ASSERT_EQ(0, m_proxy->publish("app/cid/7", std::string("raw content")));
-    ASSERT_EQ(0, m_proxy->publish("app/cid/8", std::string("end")));
+    ASSERT_EQ(0, m_peer->publish("app/cid/7", std::string("raw content")));
+    ASSERT_EQ(0, m_peer->publish("app/cid/8", std::string("end")));
     ASSERT_TRUE(test::wait_until([&] {
         std::lock_guard<std::mutex> lock(mutex);
         return seen.size() == 2;
@@ -245,12 +204,11 @@ TEST_F(BackendTest, ContentCallbacksPerContentId) {
     EXPECT_THAT(seen, ElementsAre("second7:raw content", "marker8:end"));
 
     // A topic whose id does not parse is logged and dropped.
-    m_transport->observer("app/cid/7")->message("app/cid/abc", com::Message("x", 1));
+    m_recording->observer("app/cid/7")->message("app/cid/abc", com::Message("x", 1));
     m_client->clear_content_callbacks(9);
-    const std::string log = m_capture->text();
-    EXPECT_THAT(log, HasSubstr("Invalid content ID requested for callback"));
-    EXPECT_THAT(log, HasSubstr("Failed to parse content id from topic 'app/cid/abc' : stoul"));
-    EXPECT_THAT(log, HasSubstr("Unable to find requested callback for deletion"));
+    expect_logged({"Invalid content ID requested for callback",
+                   "Failed to parse content id from topic 'app/cid/abc' : stoul",
+                   "Unable to find requested callback for deletion"});
 }
 
 // The simulator's proxy: "queued" first, then the backend's verdict as the unit says.

@@ -10,7 +10,7 @@
 #include "ecu/tavi/com/protocol_types.h"
 #include "ecu/tavi/pb/bootflags.pb.h"
 #include "overrides.h"
-#include "support/platform_fixture.h"
+#include "support/client_fixture.h"
 
 namespace ecu::tavi::platform {
 namespace {
@@ -22,13 +22,10 @@ using Client = BootFlagsClient;
 
 // The boot loader's view, played by the peer: applies what is set and publishes the whole
 // flags again, or stays silent, or echoes flags that ignore the change.
-class BootFlagsTest : public test::PlatformClientTest {
+class BootFlagsTest : public test::ClientTest {
 protected:
-    void SetUp() override {
-        test::PlatformClientTest::SetUp();
-        if (IsSkipped()) {
-            return;
-        }
+    BootFlagsTest() : ClientTest("platform-app") {}
+    void make_client() override {
         m_flags.set_current_bank(pb::BootFlags::BOOT_BANK_0);
         m_flags.set_boot_bank(pb::BootFlags::BOOT_BANK_0);
         m_flags.set_bank0_valid(true);
@@ -50,8 +47,8 @@ protected:
     }
 
     std::shared_ptr<Client> client(int wait_ms = 5000) {
-        auto flags = std::make_shared<Client>(m_app, wait_ms);
-        EXPECT_TRUE(m_app->wait_ready(10s));
+        auto flags = std::make_shared<Client>(m_transport, wait_ms);
+        EXPECT_TRUE(m_transport->wait_ready(10s));
         return flags;
     }
     void announce() {
@@ -134,10 +131,11 @@ TEST_F(BootFlagsTest, SwitchBankChecksCauseAndTargetBeforeSetting) {
               flags->set_boot_bank(Client::BOOT_BANK_1, Client::CAUSE_UBOOT_WATCHDOG));
     EXPECT_EQ(Client::SET_INVALID_BANK, flags->set_boot_bank_valid(Client::BootBank(255), true));
     EXPECT_EQ(0u, m_peer->count("system/bootflags/set")) << "nothing was published";
-    EXPECT_THAT(log(), HasSubstr("[ERROR]: [tavi.bootflags] Invalid bank switch cause "
-                                 "requested,SW update can not perform a bank switch.\n"));
-    EXPECT_THAT(log(), HasSubstr("[ERROR]: [tavi.bootflags] Other bank (1) is not marked as "
-                                 "valid, can not perform a bank switch.\n"));
+    expect_logged(
+        {"[ERROR]: [tavi.bootflags] Invalid bank switch cause "
+         "requested,SW update can not perform a bank switch.\n",
+         "[ERROR]: [tavi.bootflags] Other bank (1) is not marked as "
+         "valid, can not perform a bank switch.\n"});
 
     EXPECT_EQ(Client::SET_SUCCESSFUL, flags->set_boot_bank_valid(Client::BOOT_BANK_1, true));
     EXPECT_EQ(Client::SET_SUCCESSFUL, flags->switch_bank(Client::CAUSE_TAVI_9));
@@ -160,30 +158,25 @@ TEST_F(BootFlagsTest, SetFailsWhenTheFlagsDoNotComeBackOrDiffer) {
     EXPECT_EQ(Client::SET_TIMEOUT_FAILED,
               flags->set_boot_bank(Client::BOOT_BANK_1, Client::CAUSE_TAVI));
 
-    const std::string text = log();
-    EXPECT_THAT(text, HasSubstr("[ERROR]: [tavi.bootflags] Verification of new boot flags "
-                                "failed for 'boot bank\n"));
-    EXPECT_THAT(text, HasSubstr("[ERROR]: [tavi.bootflags] Verification of new boot flags "
-                                "failed for 'bank 0 valid'\n"));
-    EXPECT_THAT(text, HasSubstr("[ERROR]: [tavi.bootflags] Failed to set boot flags: Verify "
-                                "failed. Could not perform a bank switch.\n"));
-    EXPECT_THAT(text, HasSubstr("[ERROR]: [tavi.bootflags] Failed to set boot flags: Timeout "
-                                "failed\n"));
+    expect_logged(
+        {"[ERROR]: [tavi.bootflags] Verification of new boot flags failed for 'boot bank\n",
+         "[ERROR]: [tavi.bootflags] Verification of new boot flags failed for 'bank 0 valid'\n",
+         "[ERROR]: [tavi.bootflags] Failed to set boot flags: Verify failed. Could not perform a "
+         "bank switch.\n",
+         "[ERROR]: [tavi.bootflags] Failed to set boot flags: Timeout failed\n"});
 }
 
 TEST_F(BootFlagsTest, ChangesAreRefusedOnTpa) {
-    tavi::_internal::ScopedOverrides tpa(1, tpa_hostname());
+    tavi::_internal::ScopedOverrides tpa(1, test::tpa_hostname());
     auto flags = client();
     announce();
     EXPECT_EQ(Client::SET_REFUSED_ON_TPA, flags->switch_bank(Client::CAUSE_TAVI));
     EXPECT_EQ(Client::SET_REFUSED_ON_TPA,
               flags->set_boot_bank(Client::BOOT_BANK_1, Client::CAUSE_TAVI));
     EXPECT_EQ(Client::SET_REFUSED_ON_TPA, flags->set_boot_bank_valid(Client::BOOT_BANK_1, false));
-    for (const char* line :
-         {"Cannot set switch bank on TPA partition.", "Cannot set boot bank on TPA partition.",
-          "Cannot set boot bank valid on TPA partition."}) {
-        EXPECT_THAT(log(), HasSubstr(std::string("[ERROR]: [tavi.bootflags] ") + line + "\n"));
-    }
+    expect_logged({"[ERROR]: [tavi.bootflags] Cannot set switch bank on TPA partition.\n",
+                   "[ERROR]: [tavi.bootflags] Cannot set boot bank on TPA partition.\n",
+                   "[ERROR]: [tavi.bootflags] Cannot set boot bank valid on TPA partition.\n"});
     EXPECT_EQ(0u, m_peer->count("system/bootflags/set"));
     // Reading is allowed.
     EXPECT_TRUE(flags->current_bank().first);

@@ -9,7 +9,7 @@
 #include "ecu/tavi/com/protocol_types.h"
 #include "ecu/tavi/pb/bt.pb.h"
 #include "overrides.h"
-#include "support/platform_fixture.h"
+#include "support/client_fixture.h"
 
 namespace ecu::tavi::bt {
 namespace {
@@ -36,13 +36,10 @@ private:
 
 // The Bluetooth service, played by the peer: answers each discovery request first with a
 // foreign request id, then with its own, with the statuses the test sets.
-class BtTest : public test::PlatformClientTest {
+class BtTest : public test::ClientTest {
 protected:
-    void SetUp() override {
-        test::PlatformClientTest::SetUp();
-        if (IsSkipped()) {
-            return;
-        }
+    BtTest() : ClientTest("platform-app") {}
+    void make_client() override {
         m_peer->set_handler([this](const test::MqttPeer::Received& message) {
             if (message.topic != "system/bt/discovery/request" || m_silent) {
                 return;
@@ -64,8 +61,8 @@ protected:
     }
 
     std::shared_ptr<BluetoothClient> client() {
-        auto made = create_bt_client(m_app);
-        EXPECT_TRUE(m_app->wait_ready(10s));
+        auto made = create_bt_client(m_transport);
+        EXPECT_TRUE(m_transport->wait_ready(10s));
         return made;
     }
 
@@ -101,10 +98,11 @@ TEST_F(BtTest, ScanTakesTheMatchingAnswerAndDeliversResults) {
 
     ASSERT_TRUE(discovery->start_scan());
     EXPECT_TRUE(discovery->scanning());
-    EXPECT_THAT(log(), HasSubstr("[INFO]: [tavi.bt.discovery] RPC response sequence error, will "
-                                 "keep waiting\n"));
-    EXPECT_THAT(log(), HasSubstr("[INFO]: [tavi.bt.discovery] BT device is scanning.\n"));
-    ASSERT_TRUE(m_app->wait_ready(10s));
+    expect_logged(
+        {"[INFO]: [tavi.bt.discovery] RPC response sequence error, will "
+         "keep waiting\n",
+         "[INFO]: [tavi.bt.discovery] BT device is scanning.\n"});
+    ASSERT_TRUE(m_transport->wait_ready(10s));
 
     pb::BtDiscoveryResults results;
     results.set_status(pb::BtDiscoveryResults::RESULTS_OK);
@@ -153,9 +151,9 @@ TEST_F(BtTest, RefusedOrUnansweredCallsFail) {
                                  "Discovery\n"));
     m_silent = true;
     EXPECT_FALSE(discovery->stop_scan());
-    EXPECT_THAT(log(), HasSubstr("[INFO]: [tavi.bt.discovery] RPC timed out\n"));
-    EXPECT_THAT(log(), HasSubstr("[NOTICE]: [tavi.bt.discovery] Failed to stop Device "
-                                 "Discovery\n"));
+    expect_logged({"[INFO]: [tavi.bt.discovery] RPC timed out\n",
+                   "[NOTICE]: [tavi.bt.discovery] Failed to stop Device "
+                   "Discovery\n"});
     EXPECT_FALSE(discovery->scanning());
 }
 

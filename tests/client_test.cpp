@@ -3,11 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 
 #include "ecu/tavi/logging/logging.h"
-#include "support/capture.h"
+#include "support/client_fixture.h"
 
 namespace ecu::tavi::com {
 namespace {
@@ -17,10 +16,7 @@ using ::testing::Not;
 
 // Nothing connects here: the transport is only built, so no broker is needed.
 std::unique_ptr<config::Configuration> configuration(const std::string& extra) {
-    std::istringstream text("client_name = factory-app\nhost = 127.0.0.1\n" + extra);
-    auto config = config::Configuration::create_from_input(text);
-    EXPECT_TRUE(config->verify());
-    return config;
+    return test::app_config("client_name = factory-app\nhost = 127.0.0.1\n" + extra);
 }
 
 class ClientFactoryTest : public ::testing::Test {

@@ -12,7 +12,7 @@
 #include "ecu/tavi/rt/signaladapter.h"
 #include "ecu/tavi/sim/testkit.h"
 #include "overrides.h"
-#include "support/scripted_daemon.h"
+#include "support/client_fixture.h"
 #include "sync_call.h"
 
 namespace ecu::tavi::diag {
@@ -76,8 +76,7 @@ TEST_F(DiagSimTest, UdsInterfaceIsLentAnsweredFromTheUnitAndGivenBack) {
     EXPECT_EQ(std::vector<uint8_t>({0x7f, 0x3e, 0x11}), unknown.value().data);
 
     // The unit lends one interface: a second application is turned away.
-    std::shared_ptr<com::ITransportClient> other =
-        test::app_transport(m_kit.broker(), "diag-other");
+    auto other = test::app_transport(m_kit.client_config("diag-other"));
     auto other_uds = create_uds_client(other, nullptr);
     ASSERT_TRUE(test::start_app(*other));
     EXPECT_EQ(UDS_INTERFACE_UNAVAILABLE, other_uds->allocate_interface({1, 2, 0}, 5000));

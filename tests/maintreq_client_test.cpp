@@ -6,14 +6,13 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <future>
 
 #include "ecu/tavi/com/protocol_types.h"
 #include "ecu/tavi/logging/logging.h"
 #include "ecu/tavi/pb/pgn.pb.h"
 #include "ecu/tavi/rt/signaladapter.h"
+#include "support/client_fixture.h"
 #include "support/ipcd_peer.h"
-#include "support/scripted_daemon.h"
 
 namespace ecu::tavi::diag {
 namespace {
@@ -28,10 +27,12 @@ const char* const kApp = "maint-app";
 // The client against a scripted token daemon, IPC daemon and maintenance computer. The
 // computer answers each request with cid + 1 and the request's reihenfolge, unless told to
 // be silent or to send other bytes.
-class MaintReqTest : public test::ClientTest<pb::PgnRequestTokenRequest> {
+class MaintReqTest : public test::ClientTest {
 protected:
-    MaintReqTest() : ClientTest(kApp, "system/pgnreqd/request", com::PROTOCOL_PGN_TOKEN) {}
+    MaintReqTest() : ClientTest(kApp) {}
     void make_client() override {
+        m_daemon =
+            std::make_unique<Pgnreqd>(m_broker, "system/pgnreqd/request", com::PROTOCOL_PGN_TOKEN);
         rt::SignalAdapter::enforce_support_lib(MURNTAVI_RTSUPPORT_LIB);
         rt::SignalAdapter::reset_instance();
         m_ipcd = std::make_unique<test::ScriptedIpcd>(m_broker.host(), m_broker.port());
@@ -86,6 +87,7 @@ protected:
         group->set_signal_scaled_value("weiteretermine_mc2qbx", 255);
         m_computer->publish(Client::TOPIC_MAINT_RESP, adapter.pack(*group).value().get_data());
     }
+    std::unique_ptr<Pgnreqd> m_daemon;
     std::unique_ptr<test::ScriptedIpcd> m_ipcd;
     std::unique_ptr<test::MqttPeer> m_computer;
     std::atomic<bool> m_silent{false};
@@ -121,9 +123,10 @@ TEST_F(MaintReqTest, FailuresReturnTheirTexts) {
 
     m_silent = true;
     EXPECT_EQ("Timeout occured", m_client->request({}, 1000).error());
-    EXPECT_THAT(log(), HasSubstr("[WARNING]: [tavi.diag.maintreq] "
-                                 "[MaintenanceRequestClient:maintreq_client:"));
-    EXPECT_THAT(log(), HasSubstr("] Timeout occured while waiting for maintenance request!"));
+    expect_logged(
+        {"[WARNING]: [tavi.diag.maintreq] "
+         "[MaintenanceRequestClient:maintreq_client:",
+         "] Timeout occured while waiting for maintenance request!"});
 
     m_silent = false;
     m_garbage = true;
@@ -133,15 +136,9 @@ TEST_F(MaintReqTest, FailuresReturnTheirTexts) {
     grant(pb::PgnRequestTokenResponse::ECU_UNKNOWN);
     EXPECT_EQ("PGN request token error: Error::ECU_unknown", m_client->request({}, 2000).error());
 
-    std::promise<std::string> inside;
-    m_transport->subscribe("test/maint/trigger", 1, std::make_shared<test::CallInside>([&] {
-                               inside.set_value(m_client->request({}, 60000).error());
-                           }));
-    ASSERT_TRUE(m_transport->wait_ready(10s));
-    m_computer->publish("test/maint/trigger", std::string("x"), 1);
-    auto refused = inside.get_future();
-    ASSERT_EQ(std::future_status::ready, refused.wait_for(10s));
-    EXPECT_EQ("Timeout occured", refused.get());
+    std::string inside;
+    ASSERT_TRUE(run_inside([&] { inside = m_client->request({}, 60000).error(); }));
+    EXPECT_EQ("Timeout occured", inside);
     EXPECT_THAT(log(), HasSubstr("] MaintenanceRequestClient::request called on the transport's "
                                  "network thread"));
 }

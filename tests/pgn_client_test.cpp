@@ -5,14 +5,13 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <thread>
 
 #include "ecu/tavi/com/protocol_types.h"
 #include "ecu/tavi/logging/logging.h"
 #include "ecu/tavi/pb/pgn.pb.h"
 #include "overrides.h"
-#include "support/scripted_daemon.h"
+#include "support/client_fixture.h"
 #include "sync_call.h"
 
 namespace ecu::tavi::diag {
@@ -33,10 +32,12 @@ pb::PgnRequestTokenResponse answer(pb::PgnRequestTokenResponse_Result result) {
     return response;
 }
 
-class PgnClientTest : public test::ClientTest<pb::PgnRequestTokenRequest> {
+class PgnClientTest : public test::ClientTest {
 protected:
-    PgnClientTest() : ClientTest(kApp, "system/pgnreqd/request", com::PROTOCOL_PGN_TOKEN) {}
+    PgnClientTest() : ClientTest(kApp) {}
     void make_client() override {
+        m_daemon =
+            std::make_unique<Daemon>(m_broker, "system/pgnreqd/request", com::PROTOCOL_PGN_TOKEN);
         logging::enable("tavi.diag.pgn", false);
         m_client = create_pgn_request_client(m_transport);
         ASSERT_TRUE(m_client);
@@ -58,6 +59,7 @@ protected:
                                                answer(results[std::min(n, results.size() - 1)]))};
             });
     }
+    std::unique_ptr<Daemon> m_daemon;
     std::shared_ptr<PgnRequestClient> m_client;
 };
 
@@ -73,9 +75,10 @@ TEST_F(PgnClientTest, GrantedTokenIsReleasedWithoutWaiting) {
         EXPECT_EQ("65226", request.second.pgn());
         EXPECT_EQ(kApp, request.second.client_name());
     }
-    EXPECT_THAT(log(), HasSubstr("[NOTICE]: [tavi.diag.pgn] Request token for 65226 has been "
-                                 "acquired!"));
-    EXPECT_THAT(log(), HasSubstr("[NOTICE]: [tavi.diag.pgn] Explicitly release token for 65226"));
+    expect_logged(
+        {"[NOTICE]: [tavi.diag.pgn] Request token for 65226 has been "
+         "acquired!",
+         "[NOTICE]: [tavi.diag.pgn] Explicitly release token for 65226"});
 }
 
 TEST_F(PgnClientTest, RefusalsEndTheRequestWithTheirError) {
@@ -125,12 +128,7 @@ TEST_F(PgnClientTest, AnswerOfAnEarlierRequestIsNotTakenAgain) {
 
 TEST_F(PgnClientTest, TokenRequestInsideAnObserverIsRefusedAtOnce) {
     std::atomic<int> error{-1};
-    m_transport->subscribe("test/pgn/trigger", 1, std::make_shared<test::CallInside>([&] {
-                               error = m_client->get_request_token("65226", 60s).error();
-                           }));
-    ASSERT_TRUE(m_transport->wait_ready(10s));
-    m_daemon->peer().publish("test/pgn/trigger", std::string("x"), 1);
-    ASSERT_TRUE(test::wait_until([&] { return error != -1; }));
+    ASSERT_TRUE(run_inside([&] { error = m_client->get_request_token("65226", 60s).error(); }));
     EXPECT_EQ(PgnRequestClient::Timeout, error);
     EXPECT_THAT(log(), HasSubstr("[ERROR]: [tavi.diag.pgn] get_request_token called on the "
                                  "transport's network thread"));
@@ -142,9 +140,7 @@ TEST(PgnClientStatic, ErrorTextsAndTpaRefusal) {
     EXPECT_STREQ("Error::ECU_unknown", PgnRequestClient::error_str(PgnRequestClient::ECU_unknown));
     EXPECT_EQ(nullptr, PgnRequestClient::error_str(static_cast<PgnRequestClient::Error>(7)));
 
-    const std::string hostname = ::testing::TempDir() + "pgn-hostname";
-    std::ofstream(hostname) << "tpa-01\n";
-    const _internal::ScopedOverrides tpa(1, hostname.c_str());
+    const _internal::ScopedOverrides tpa(1, test::tpa_hostname());
     std::shared_ptr<com::ITransportClient> transport;
     logging::set_log_mode(logging::STDOUT);
     const std::string log =

@@ -10,23 +10,15 @@
 #include <thread>
 #include <vector>
 
-#include "ecu/tavi/com/client.h"
-#include "ecu/tavi/com/message.h"
-#include "ecu/tavi/com/messageadapter.h"
 #include "ecu/tavi/com/protocol_types.h"
-#include "ecu/tavi/config/configuration.h"
-#include "ecu/tavi/logging/logging.h"
 #include "ecu/tavi/pb/logconfig.pb.h"
-#include "support/broker.h"
-#include "support/capture.h"
-#include "support/mqtt_peer.h"
+#include "support/client_fixture.h"
 
 namespace ecu::tavi {
 namespace {
 
 using ::testing::HasSubstr;
 using ::testing::Not;
-using Adapter = com::PbInternalMessageAdapter<pb::LogConfig>;
 
 const char* const kApp = "rlc-app";
 
@@ -39,6 +31,13 @@ std::string modules_of(const pb::LogConfig& reply) {
     return text;
 }
 
+std::vector<uint8_t> framed(const pb::LogConfig& request) {
+    return com::PbInternalMessageAdapter<pb::LogConfig>(com::PROTOCOL_LOG_CONFIG)
+        .serialize(request)
+        .value()
+        .get_data();
+}
+
 pb::LogConfig::LogModule* add_switch(pb::LogConfig& request, const std::string& name,
                                      bool enabled) {
     auto* entry = request.add_modules();
@@ -47,77 +46,35 @@ pb::LogConfig::LogModule* add_switch(pb::LogConfig& request, const std::string& 
     return entry;
 }
 
-// The application's transport with its control, and a plain MQTT peer playing the tool.
-class RemoteLogControlTest : public ::testing::Test {
+// The application's transport with its control; the peer plays the tool.
+class RemoteLogControlTest : public test::ClientTest {
 protected:
-    void SetUp() override {
-        if (!test::Broker::available()) {
-            GTEST_SKIP() << "mosquitto is not installed";
-        }
-        ASSERT_TRUE(m_broker.start());
+    RemoteLogControlTest() : ClientTest(kApp) {}
+    void make_client() override {
         logging::_internal::reset_modules();
-        logging::set_log_mode(logging::STDOUT);
-        logging::set_log_level(7);
-        m_capture = std::make_unique<test::StdoutCapture>();
-        m_tool = std::make_unique<test::MqttPeer>(m_broker.host(), m_broker.port());
-        ASSERT_TRUE(m_tool->subscribe("app/+/log/config", 1));
-        m_app = connected_client(kApp);
-        m_control = logging::create_remote_log_control(m_app);
-        ASSERT_TRUE(m_app->wait_ready(std::chrono::seconds(10)));
+        ASSERT_TRUE(m_peer->subscribe("app/+/log/config", 1));
+        m_control = logging::create_remote_log_control(m_transport);
     }
-
-    void TearDown() override {
-        m_control.reset();
-        if (m_app) {
-            m_app->stop();
-        }
-    }
-
-    std::shared_ptr<com::ITransportClient> connected_client(const std::string& name,
-                                                            bool with_factory = false) {
-        std::istringstream text(m_broker.client_config(name));
-        auto config = config::Configuration::create_from_input(text);
-        EXPECT_TRUE(config->verify());
-        auto client =
-            with_factory ? com::create_client(config, com::MQTT) : com::create_mqtt_client(config);
-        EXPECT_TRUE(client->connect());
-        client->start();
-        return client;
-    }
+    void drop_client() override { m_control.reset(); }
 
     void send(const std::vector<uint8_t>& payload, const std::string& app = kApp) {
-        ASSERT_EQ(0, m_tool->publish("app/" + app + "/log/configure", payload, 1));
+        ASSERT_EQ(0, m_peer->publish("app/" + app + "/log/configure", payload, 1));
     }
     size_t replies(const std::string& app = kApp) {
-        return m_tool->count("app/" + app + "/log/config");
+        return m_peer->count("app/" + app + "/log/config");
     }
 
     // Sends the request and returns the reply it causes.
     pb::LogConfig exchange(const pb::LogConfig& request, const std::string& app = kApp) {
         const size_t before = replies(app);
-        send(Adapter(com::PROTOCOL_LOG_CONFIG).serialize(request).value().get_data(), app);
-        if (!m_tool->wait_for("app/" + app + "/log/config", before + 1)) {
+        send(framed(request), app);
+        if (!m_peer->wait_for("app/" + app + "/log/config", before + 1)) {
             ADD_FAILURE() << "no reply";
             return {};
         }
-        const std::string payload = m_tool->received().back().payload;
-        auto reply = Adapter(com::PROTOCOL_LOG_CONFIG)
-                         .deserialize(com::Message(payload.data(), payload.size()));
-        EXPECT_TRUE(reply.has_value());
-        return reply ? reply.value() : pb::LogConfig();
+        return parse<pb::LogConfig>(m_peer->received().back().payload);
     }
 
-    void expect_logged(std::initializer_list<std::string> lines) {
-        const std::string log = m_capture->text();
-        for (const auto& line : lines) {
-            EXPECT_THAT(log, HasSubstr(line));
-        }
-    }
-
-    test::Broker m_broker;
-    std::unique_ptr<test::StdoutCapture> m_capture;
-    std::unique_ptr<test::MqttPeer> m_tool;
-    std::shared_ptr<com::ITransportClient> m_app;
     std::unique_ptr<logging::RemoteLogControl> m_control;
 };
 
@@ -168,7 +125,7 @@ TEST_F(RemoteLogControlTest, ModeLevelAndModuleSwitchesTakeEffect) {
                    "[NOTICE]: [rlc-app.log] Set loglevel to '6'\n",
                    "[NOTICE]: [rlc-app.log] Disable logging for 'tavi.com'\n",
                    "[NOTICE]: [rlc-app.log] Enable logging for 'new.module'\n"});
-    EXPECT_THAT(m_capture->text(), Not(HasSubstr("Received request for log configuration")));
+    EXPECT_THAT(log(), Not(HasSubstr("Received request for log configuration")));
 }
 
 TEST_F(RemoteLogControlTest, AllSwitchesEveryModuleAndEntriesApplyInOrder) {
@@ -190,7 +147,7 @@ TEST_F(RemoteLogControlTest, AllSwitchesEveryModuleAndEntriesApplyInOrder) {
     expect_logged({"[NOTICE]: [rlc-app.log] Enable logging for all modules\n",
                    "[NOTICE]: [rlc-app.log] Disable logging for all modules\n"});
     // From then on the control's own module is disabled, and its NOTICE lines with it.
-    EXPECT_THAT(m_capture->text(), Not(HasSubstr("Enable logging for 'tavi.com'")));
+    EXPECT_THAT(log(), Not(HasSubstr("Enable logging for 'tavi.com'")));
 }
 
 TEST_F(RemoteLogControlTest, InvalidEntryIsSkippedAndTheRestApplies) {
@@ -202,25 +159,22 @@ TEST_F(RemoteLogControlTest, InvalidEntryIsSkippedAndTheRestApplies) {
 
     EXPECT_EQ("root=0 rlc-app=0 rlc-app.log=1 valid=1", modules_of(reply));
     expect_logged({"[NOTICE]: [rlc-app.log] Enable logging for 'valid'\n"});
-    const std::string log = m_capture->text();
+    const std::string text = log();
     const std::string invalid =
         "[ERROR]: [rlc-app.log] Invalid log module configuration received\n";
-    EXPECT_NE(log.find(invalid, log.find(invalid) + 1), std::string::npos) << "one line each";
+    EXPECT_NE(text.find(invalid, text.find(invalid) + 1), std::string::npos) << "one line each";
 }
 
 TEST_F(RemoteLogControlTest, UndecodableRequestsAndADestroyedControlGetNoReply) {
     const size_t before = replies();
     send(std::vector<uint8_t>(30, 0xff));
-    EXPECT_TRUE(test::wait_until([&] {
-        return m_capture->text().find(
-                   "[ERROR]: [rlc-app.log] Unable to deserialize data for "
-                   "topic app/rlc-app/log/configure\n") != std::string::npos;
-    }));
+    EXPECT_TRUE(logged(
+        "[ERROR]: [rlc-app.log] Unable to deserialize data for topic app/rlc-app/log/configure\n"));
     // The control still answers the next good request.
     EXPECT_EQ(pb::LogConfig::DEBUG, exchange(pb::LogConfig()).level());
 
     m_control.reset();
-    send(Adapter(com::PROTOCOL_LOG_CONFIG).serialize(pb::LogConfig()).value().get_data());
+    send(framed(pb::LogConfig()));
     // Proves that no reply arrives; a fixed wait is the only way to see an absence.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_EQ(before + 1, replies());
@@ -253,8 +207,9 @@ TEST_F(RemoteLogControlTest, DeepNamesAndATreeFullOfModulesAreRefused) {
 
 // The control that create_client attaches lives exactly as long as the transport it returns.
 TEST_F(RemoteLogControlTest, FactoryAttachesControlForTheTransportsLifetime) {
-    auto client = connected_client("rlc-factory", true);
-    ASSERT_TRUE(client->wait_ready(std::chrono::seconds(10)));
+    auto config = test::app_config(m_broker.client_config("rlc-factory"));
+    auto client = com::create_client(config, com::MQTT);
+    ASSERT_TRUE(test::start_app(*client));
     EXPECT_THAT(modules_of(exchange(pb::LogConfig(), "rlc-factory")),
                 HasSubstr("rlc-factory.log=1"));
 

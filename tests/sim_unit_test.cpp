@@ -146,38 +146,29 @@ TEST(SimCommandLine, BadInputEndsWithAClearMessageAndItsExitCode) {
         EXPECT_NE(help.output.find(text), std::string::npos) << text;
     }
 
-    auto no_unit = tavi_sim("--port 1883");
-    EXPECT_EQ(no_unit.exit_code, 2);
-    EXPECT_NE(no_unit.output.find("no unit description given (--unit FILE)"), std::string::npos);
-    auto bad_port = tavi_sim("--unit x --port 70000");
-    EXPECT_EQ(bad_port.exit_code, 2);
-    EXPECT_NE(bad_port.output.find("--port: '70000' is no port number"), std::string::npos);
-
-    auto missing = tavi_sim("--unit /nonexistent/unit.conf");
-    EXPECT_EQ(missing.exit_code, 3);
-    EXPECT_NE(missing.output.find("tavi-sim: cannot read unit file '/nonexistent/unit.conf'"),
-              std::string::npos)
-        << missing.output;
-
     const std::string malformed = write_file("malformed.conf", "unit.hostname = a\nbroken\n");
-    auto bad = tavi_sim("--unit " + malformed);
-    EXPECT_EQ(bad.exit_code, 3);
-    EXPECT_NE(bad.output.find(malformed + ":2: expected 'key = value', found 'broken'"),
-              std::string::npos)
-        << bad.output;
-
     const std::string unknown = write_file("unknown.conf", "ipcd.relay = on\n");
-    auto faulty = tavi_sim("--unit " + unknown + " --check");
-    EXPECT_EQ(faulty.exit_code, 3);
-    EXPECT_NE(faulty.output.find(unknown + ":1: unknown key 'ipcd.relay'"), std::string::npos);
-
     const std::string good = write_file("good.conf", "unit.hostname = tele-1\n");
-    EXPECT_EQ(tavi_sim("--unit " + good + " --check").exit_code, 0);
-    auto no_library = tavi_sim("--unit " + good + " --rt-support /nonexistent/librt.so");
-    EXPECT_EQ(no_library.exit_code, 6);
-    EXPECT_NE(no_library.output.find("ipcd: cannot load the real-time support library"),
-              std::string::npos)
-        << no_library.output;
+    const struct {
+        std::string arguments;
+        int exit_code;
+        std::string text;
+    } cases[] = {
+        {"--port 1883", 2, "no unit description given (--unit FILE)"},
+        {"--unit x --port 70000", 2, "--port: '70000' is no port number"},
+        {"--unit /nonexistent/unit.conf", 3,
+         "tavi-sim: cannot read unit file '/nonexistent/unit.conf'"},
+        {"--unit " + malformed, 3, malformed + ":2: expected 'key = value', found 'broken'"},
+        {"--unit " + unknown + " --check", 3, unknown + ":1: unknown key 'ipcd.relay'"},
+        {"--unit " + good + " --check", 0, ""},
+        {"--unit " + good + " --rt-support /nonexistent/librt.so", 6,
+         "ipcd: cannot load the real-time support library"},
+    };
+    for (const auto& c : cases) {
+        const auto run = tavi_sim(c.arguments);
+        EXPECT_EQ(run.exit_code, c.exit_code) << c.arguments;
+        EXPECT_NE(run.output.find(c.text), std::string::npos) << run.output;
+    }
 }
 
 TEST(SimCommandLine, AnAbsentBrokerOrATakenPortEndsWithItsExitCode) {

@@ -9,7 +9,7 @@
 
 #include "ecu/tavi/com/protocol_types.h"
 #include "overrides.h"
-#include "support/platform_fixture.h"
+#include "support/client_fixture.h"
 
 namespace ecu::tavi::var {
 namespace {
@@ -28,13 +28,10 @@ pb::SystemParameterEntry entry(unsigned int id, const std::string& value) {
 
 // The variable service's parameter table, played by the peer: answers requests, applies
 // writes except to the parameter that refuses changes, or stays silent.
-class SysParamsTest : public test::PlatformClientTest {
+class SysParamsTest : public test::ClientTest {
 protected:
-    void SetUp() override {
-        test::PlatformClientTest::SetUp();
-        if (IsSkipped()) {
-            return;
-        }
+    SysParamsTest() : ClientTest("platform-app") {}
+    void make_client() override {
         for (unsigned int id : {1u, 2u, kLocked}) {
             *m_table.add_entries() = entry(id, "v" + std::to_string(id));
         }
@@ -56,8 +53,7 @@ protected:
         });
         ASSERT_TRUE(m_peer->subscribe("system/vard/request/sysparams"));
         ASSERT_TRUE(m_peer->subscribe("system/sysparams/write"));
-        m_params = create_sysparams_client(m_app);
-        ASSERT_TRUE(m_app->wait_ready(10s));
+        m_params = create_sysparams_client(m_transport);
     }
 
     static constexpr unsigned int kLocked = 3;
@@ -145,16 +141,17 @@ TEST_F(SysParamsTest, MergeOnAnEmptyTableFetchesFirst) {
 }
 
 TEST_F(SysParamsTest, ChangesAreRefusedOnTpa) {
-    tavi::_internal::ScopedOverrides tpa(1, tpa_hostname());
-    SysParamsClient params(m_app);
+    tavi::_internal::ScopedOverrides tpa(1, test::tpa_hostname());
+    SysParamsClient params(m_transport);
     params.set_all({{1, entry(1, "x")}});
     params.merge({{1, entry(1, "x")}});
     EXPECT_EQ(SysParamsClient::EMPTY, params.write().status);
     EXPECT_EQ(0, m_requests) << "merge did not even fetch";
-    EXPECT_THAT(log(), HasSubstr("[ERROR]: [tavi.sysparams] [SysParamsClient] Cannot set all "
-                                 "sysparams on TPA partition.\n"));
-    EXPECT_THAT(log(), HasSubstr("[ERROR]: [tavi.sysparams] [SysParamsClient] Cannot merge "
-                                 "sysparams on TPA partition.\n"));
+    expect_logged(
+        {"[ERROR]: [tavi.sysparams] [SysParamsClient] Cannot set all "
+         "sysparams on TPA partition.\n",
+         "[ERROR]: [tavi.sysparams] [SysParamsClient] Cannot merge "
+         "sysparams on TPA partition.\n"});
 }
 
 }  // namespace

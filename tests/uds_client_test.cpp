@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fstream>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -13,7 +12,7 @@
 #include "ecu/tavi/logging/logging.h"
 #include "ecu/tavi/pb/uds.pb.h"
 #include "overrides.h"
-#include "support/scripted_daemon.h"
+#include "support/client_fixture.h"
 
 namespace ecu::tavi::diag {
 namespace {
@@ -80,10 +79,11 @@ private:
 };
 
 // The application's UDS client against a scripted "udsifd".
-class UdsClientTest : public test::ClientTest<pb::UdsIfMessage> {
+class UdsClientTest : public test::ClientTest {
 protected:
-    UdsClientTest() : ClientTest(kApp, "system/udsifd/#", com::PROTOCOL_UDS) {}
+    UdsClientTest() : ClientTest(kApp) {}
     void make_client() override {
+        m_daemon = std::make_unique<Daemon>(m_broker, "system/udsifd/#", com::PROTOCOL_UDS);
         m_client = create_uds_client(m_transport, &m_recorder);
         ASSERT_TRUE(m_client);
     }
@@ -105,6 +105,7 @@ protected:
         answer_allocation({status(1)});
         ASSERT_EQ(UDS_INTERFACE_ALLOCATED, m_client->allocate_interface(kOwn, 5000));
     }
+    std::unique_ptr<Daemon> m_daemon;
     Recorder m_recorder;
     std::shared_ptr<UdsClient> m_client;
 };
@@ -237,14 +238,9 @@ TEST_F(UdsClientTest, MalformedMessagesAreLoggedAndDropped) {
     m_daemon->peer().publish(kStatus, std::string(30, '\xff'), 1);
     m_daemon->peer().publish(kStatus, m_daemon->reply(kStatus, on_interface(7)).message.get_data(),
                              1);
-    EXPECT_TRUE(test::wait_until([&] {
-        return log().find(
-                   "Unable to deserialize message for topic app/uds-app/uds/status, "
-                   "unable to continue!") != std::string::npos &&
-               log().find(
-                   "Status is not available on message for topic: "
-                   "app/uds-app/uds/status") != std::string::npos;
-    }));
+    EXPECT_TRUE(logged(
+        "Unable to deserialize message for topic app/uds-app/uds/status, unable to continue!"));
+    EXPECT_TRUE(logged("Status is not available on message for topic: app/uds-app/uds/status"));
     EXPECT_TRUE(m_recorder.statuses().empty());
 }
 
@@ -258,16 +254,14 @@ TEST_F(UdsClientTest, SynchronousCallsInsideTheObserverAreRefusedAtOnce) {
     allocate();
     ASSERT_TRUE(test::wait_until([&] { return m_recorder.statuses().size() == 1; }));
     EXPECT_THAT(inside, ElementsAre(3u, 3u, 0u));
-    for (const char* call : {"allocate_interface", "send_request", "release_interface"}) {
-        EXPECT_THAT(log(), HasSubstr(std::string("[ERROR]: [tavi.diag.uds] ") + call +
-                                     " called on the transport's network thread"));
-    }
+    expect_logged(
+        {"[ERROR]: [tavi.diag.uds] allocate_interface called on the transport's network thread",
+         "[ERROR]: [tavi.diag.uds] send_request called on the transport's network thread",
+         "[ERROR]: [tavi.diag.uds] release_interface called on the transport's network thread"});
 }
 
 TEST(UdsClientPartition, RefusedOnTpa) {
-    const std::string hostname = ::testing::TempDir() + "uds-hostname";
-    std::ofstream(hostname) << "tpa-01\n";
-    const _internal::ScopedOverrides tpa(1, hostname.c_str());
+    const _internal::ScopedOverrides tpa(1, test::tpa_hostname());
     std::shared_ptr<com::ITransportClient> transport;
     logging::set_log_mode(logging::STDOUT);
     const std::string log =

@@ -11,7 +11,7 @@
 
 #include "ecu/tavi/com/protocol_types.h"
 #include "ecu/tavi/pb/ecuvariable.pb.h"
-#include "support/platform_fixture.h"
+#include "support/client_fixture.h"
 
 namespace ecu::tavi::var {
 namespace {
@@ -20,14 +20,11 @@ using namespace std::chrono_literals;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-class VariablesTest : public test::PlatformClientTest {
+class VariablesTest : public test::ClientTest {
 protected:
-    void SetUp() override {
-        test::PlatformClientTest::SetUp();
-        if (!IsSkipped()) {
-            m_vars = create_var_client(m_app);
-        }
-    }
+    VariablesTest() : ClientTest("platform-app") {}
+    void make_client() override { m_vars = create_var_client(m_transport); }
+    void drop_client() override { m_vars.reset(); }
 
     void publish_var(const std::string& name, const std::string& value, std::uint64_t timestamp = 0,
                      bool retain = true) {
@@ -59,10 +56,11 @@ TEST_F(VariablesTest, RetainedValueIsWaitedForOnceThenServedFromTheCache) {
 TEST_F(VariablesTest, TimeOutGivesTheDefaultAndALateValueIsKept) {
     EXPECT_EQ("fallback", m_vars->get("late", "fallback", 0));
     EXPECT_EQ("", m_vars->get("late", "", 50));
-    EXPECT_THAT(log(), HasSubstr("[INFO]: [tavi.variables] Request for variable 'late' timed "
-                                 "out. Returning default value = 'fallback'\n"));
-    EXPECT_THAT(log(), HasSubstr("[INFO]: [tavi.variables] Request for variable 'late' timed "
-                                 "out.\n"));
+    expect_logged(
+        {"[INFO]: [tavi.variables] Request for variable 'late' timed "
+         "out. Returning default value = 'fallback'\n",
+         "[INFO]: [tavi.variables] Request for variable 'late' timed "
+         "out.\n"});
 
     // An empty delivery leaves the variable unknown.
     publish_var("late", "");
@@ -101,7 +99,7 @@ TEST_F(VariablesTest, OneDeliveryWakesEveryWaitingReader) {
         }
         return waiting == readers.size();
     }));
-    ASSERT_TRUE(m_app->wait_ready(10s));
+    ASSERT_TRUE(m_transport->wait_ready(10s));
     publish_var("vin", "WDB123", 0, false);
     for (auto& reader : readers) {
         EXPECT_EQ("WDB123", reader.get());
@@ -112,7 +110,7 @@ TEST_F(VariablesTest, BadDeliveriesAreLoggedAndDropped) {
     // The empty name is legal, so "system/var/" itself is subscribed.
     EXPECT_EQ("d", m_vars->get("", "d", 0));
     EXPECT_EQ("d", m_vars->get("garbled", "d", 0));
-    ASSERT_TRUE(m_app->wait_ready(10s)) << "both subscriptions acknowledged";
+    ASSERT_TRUE(m_transport->wait_ready(10s)) << "both subscriptions acknowledged";
     ASSERT_EQ(0, m_peer->publish("system/var/", std::string("x")));
     EXPECT_TRUE(logged("[WARNING]: [tavi.variables] Bogus topic received\n"));
 
@@ -135,38 +133,20 @@ TEST_F(VariablesTest, DestroyedClientIsNoLongerCalledAfterRepeatedReads) {
     m_vars.reset();
     // Another observer of the topic proves the delivery was dispatched.
     auto counter = std::make_shared<Counter>();
-    m_app->subscribe("system/var/gone", 0, counter);
-    ASSERT_TRUE(m_app->wait_ready(10s));
+    m_transport->subscribe("system/var/gone", 0, counter);
+    ASSERT_TRUE(m_transport->wait_ready(10s));
     publish_var("gone", "late");
     EXPECT_TRUE(test::wait_until([&] { return counter->m_count == 1; }));
     EXPECT_THAT(log(), Not(HasSubstr("Received unrequested variable")));
-    m_app->unsubscribe("system/var/gone", counter);
+    m_transport->unsubscribe("system/var/gone", counter);
 }
 
-// Keeps the answer of a read made on the network thread.
-class ReadingObserver : public com::ISubscriptionObserver {
-public:
-    explicit ReadingObserver(std::shared_ptr<VariablesClient> vars) : m_vars(std::move(vars)) {}
-    void message(const std::string&, const com::Message&) override {
-        m_answer.set_value(m_vars->get("never", "refused", 60000));
-    }
-    std::promise<std::string> m_answer;
-
-private:
-    std::shared_ptr<VariablesClient> m_vars;
-};
-
 TEST_F(VariablesTest, ReadInsideAnObserverIsRefusedAtOnce) {
-    auto observer = std::make_shared<ReadingObserver>(m_vars);
-    auto answer = observer->m_answer.get_future();
-    m_app->subscribe("app/trigger", 0, observer);
-    ASSERT_TRUE(m_app->wait_ready(10s));
-    ASSERT_EQ(0, m_peer->publish("app/trigger", std::string("go")));
-    ASSERT_EQ(std::future_status::ready, answer.wait_for(10s));
-    EXPECT_EQ("refused", answer.get());
+    std::string answer;
+    ASSERT_TRUE(run_inside([&] { answer = m_vars->get("never", "refused", 60000); }));
+    EXPECT_EQ("refused", answer);
     EXPECT_THAT(log(), HasSubstr("[ERROR]: [tavi.variables] VariablesClient::get called on the "
                                  "transport's network thread"));
-    m_app->unsubscribe("app/trigger", observer);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <regex>
 #include <string>
+#include <tuple>
 
 #include "ecu/tavi/logging/logging.h"
 #include "support/capture.h"
@@ -27,38 +28,26 @@ TEST(VersionTest, TagParsing) {
     logging::set_log_mode(logging::STDOUT);
     logging::set_log_level(7);
 
-    auto p = parse("1.2.3");
-    EXPECT_EQ(p.major, 1u);
-    EXPECT_EQ(p.minor, 2u);
-    EXPECT_EQ(p.patch, 3u);
-    EXPECT_EQ(p.log, "");
-
-    p = parse("7.4");
-    EXPECT_EQ(p.major, 7u);
-    EXPECT_EQ(p.minor, 4u);
-    EXPECT_EQ(p.patch, 0u);
-    EXPECT_EQ(p.log, "");
-
-    p = parse("1.2.3-4-gabc1234");
-    EXPECT_EQ(p.major, 1u);
-    EXPECT_EQ(p.minor, 2u);
-    EXPECT_EQ(p.patch, 3u);
-    EXPECT_EQ(p.log, "");
-
-    // Each field takes at most two digits; the rest of the tag no longer matches.
-    p = parse("123.4.5");
-    EXPECT_EQ(p.major, 12u);
-    EXPECT_EQ(p.minor, 0u);
-    EXPECT_EQ(p.patch, 0u);
-    EXPECT_EQ(p.log, "");
-
-    p = parse("v1.2");
-    EXPECT_EQ(p.major + p.minor + p.patch, 0u);
-    EXPECT_EQ(p.log, "[ERROR]: [tavi.version] Unable to extract SemVer from tag: v1.2\n");
-
-    p = parse("");
-    EXPECT_EQ(p.major + p.minor + p.patch, 0u);
-    EXPECT_EQ(p.log, "[ERROR]: [tavi.version] Unable to extract SemVer from tag: \n");
+    const std::string refused = "[ERROR]: [tavi.version] Unable to extract SemVer from tag: ";
+    const struct {
+        const char* tag;
+        unsigned int major, minor, patch;
+        std::string log;
+    } cases[] = {
+        {"1.2.3", 1, 2, 3, ""},
+        {"7.4", 7, 4, 0, ""},
+        {"1.2.3-4-gabc1234", 1, 2, 3, ""},
+        // Each field takes at most two digits; the rest of the tag no longer matches.
+        {"123.4.5", 12, 0, 0, ""},
+        {"v1.2", 0, 0, 0, refused + "v1.2\n"},
+        {"", 0, 0, 0, refused + "\n"},
+    };
+    for (const auto& c : cases) {
+        const Parsed p = parse(c.tag);
+        EXPECT_EQ(std::make_tuple(c.major, c.minor, c.patch, c.log),
+                  std::make_tuple(p.major, p.minor, p.patch, p.log))
+            << c.tag;
+    }
 }
 
 TEST(VersionTest, BuildInformation) {

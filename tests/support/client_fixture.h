@@ -1,10 +1,13 @@
-// Helpers for tests of feature clients: an application's transport on the test broker, an
-// observer that runs a call on the network thread, and a scripted platform daemon.
+// The fixture of every feature client's tests, with its helpers: an application's transport
+// on the test broker, an observer that runs a call on the network thread, and a scripted
+// platform daemon.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -24,14 +27,26 @@
 
 namespace ecu::tavi::test {
 
-// An application's transport on the broker, not connected yet, so that clients made on it
-// subscribe before start().
-inline std::shared_ptr<com::ITransportClient> app_transport(const Broker& broker,
-                                                            const std::string& name) {
-    std::istringstream text(broker.client_config(name));
+// An application's configuration from its text, verified.
+inline std::unique_ptr<config::Configuration> app_config(const std::string& config_text) {
+    std::istringstream text(config_text);
     auto config = config::Configuration::create_from_input(text);
-    config->verify();
+    EXPECT_TRUE(config->verify());
+    return config;
+}
+
+// An application's transport with this configuration, not connected yet, so that clients
+// made on it subscribe before start().
+inline std::shared_ptr<com::ITransportClient> app_transport(const std::string& config_text) {
+    auto config = app_config(config_text);
     return com::create_mqtt_client(config);
+}
+
+// A host name file naming the TPA partition, for _internal::ScopedOverrides.
+inline const char* tpa_hostname() {
+    static const std::string path = ::testing::TempDir() + "tpa-hostname";
+    std::ofstream(path) << "ecu-tpa\n";
+    return path.c_str();
 }
 
 // Connects, starts and waits until every subscription is acknowledged.
@@ -122,18 +137,19 @@ private:
     MqttPeer m_peer;
 };
 
-// Fixture of a feature client's tests: the broker, log lines (every level) captured from
-// standard output, the scripted daemon the client talks to, and the application's
-// transport. A derived fixture creates its client in make_client(), before the transport
-// starts, and lets it go in drop_client(), before the transport stops.
-template <typename Req>
+// Fixture of a feature client's tests: the broker, log lines (every level, every module)
+// captured from standard output, a plain peer to play the platform's side, and the
+// application's transport. A derived fixture creates its client in make_client(), before
+// the transport starts, and lets it go in drop_client(), before the transport stops.
 class ClientTest : public ::testing::Test {
 protected:
-    ClientTest(std::string app, std::string filter, std::uint32_t protocol)
-        : m_app(std::move(app)), m_filter(std::move(filter)), m_protocol(protocol) {}
+    explicit ClientTest(std::string app) : m_app(std::move(app)) {}
 
-    virtual void make_client() = 0;
-    virtual void drop_client() = 0;
+    virtual void make_client() {}
+    virtual void drop_client() {}
+    virtual std::shared_ptr<com::ITransportClient> make_transport() {
+        return app_transport(m_broker.client_config(m_app));
+    }
 
     void SetUp() override {
         if (!Broker::available()) {
@@ -142,26 +158,71 @@ protected:
         ASSERT_TRUE(m_broker.start());
         logging::set_log_mode(logging::STDOUT);
         logging::set_log_level(7);
+        logging::enable_all();
         m_capture = std::make_unique<StdoutCapture>();
-        m_daemon = std::make_unique<ScriptedDaemon<Req>>(m_broker, m_filter, m_protocol);
-        m_transport = app_transport(m_broker, m_app);
+        m_peer = std::make_unique<MqttPeer>(m_broker.host(), m_broker.port());
+        ASSERT_TRUE(m_peer->wait_connected());
+        m_transport = make_transport();
         make_client();
         ASSERT_TRUE(start_app(*m_transport));
     }
     void TearDown() override {
+        // The peer's handler may use members of the derived fixture: it stops first.
+        m_peer.reset();
         drop_client();
         if (m_transport) {
             m_transport->stop();
         }
     }
+
+    // Frames body as the platform would and publishes it from the peer.
+    template <typename T>
+    void publish(const std::string& topic, const T& body, std::uint32_t protocol,
+                 bool retain = false) {
+        auto framed = com::PbInternalMessageAdapter<T>(protocol).serialize(body);
+        ASSERT_TRUE(framed.has_value());
+        ASSERT_EQ(0, m_peer->publish(topic, framed.value().get_data(), 0, retain));
+    }
+    // Unframes a payload the peer received.
+    template <typename T>
+    static T parse(const std::string& payload) {
+        auto body = com::PbInternalMessageAdapter<T>(1).deserialize(
+            com::Message(payload.data(), payload.size()));
+        EXPECT_TRUE(body.has_value());
+        return body ? body.value() : T();
+    }
+
+    // Runs call on the transport's network thread, as an application's observer would, and
+    // waits until it has returned.
+    bool run_inside(std::function<void()> call) {
+        auto done = std::make_shared<std::atomic<bool>>(false);
+        auto observer = std::make_shared<CallInside>([call, done] {
+            call();
+            *done = true;
+        });
+        m_transport->subscribe("test/inside", 1, observer);
+        const bool ran = m_transport->wait_ready(std::chrono::seconds(10)) &&
+                         m_peer->publish("test/inside", std::string("go"), 1) == 0 &&
+                         wait_until([&] { return done->load(); });
+        m_transport->unsubscribe("test/inside", observer);
+        return ran;
+    }
+
     std::string log() { return m_capture->text(); }
+    void expect_logged(std::initializer_list<std::string> lines) {
+        const std::string text = log();
+        for (const auto& line : lines) {
+            EXPECT_NE(text.find(line), std::string::npos) << "not logged: " << line;
+        }
+    }
+    bool logged(const std::string& text) {
+        return wait_until([&] { return log().find(text) != std::string::npos; });
+    }
 
     std::string m_app;
-    std::string m_filter;
-    std::uint32_t m_protocol;
     Broker m_broker;
     std::unique_ptr<StdoutCapture> m_capture;
-    std::unique_ptr<ScriptedDaemon<Req>> m_daemon;
+    std::unique_ptr<MqttPeer> m_peer;
     std::shared_ptr<com::ITransportClient> m_transport;
 };
 

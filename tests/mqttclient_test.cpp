@@ -221,6 +221,28 @@ TEST_F(MqttClientTest, ConnectsPublishesWaitsForAcksAndRewritesRealTimeTopics) {
                 "MQTT client loop for " + at() + " stopped with a clean exit."});
 }
 
+TEST_F(MqttClientTest, ReceivedMessagesCarryTheQosAndRetainFlagTheyWereDeliveredWith) {
+    MqttPeer peer(broker.host(), broker.port());
+    ASSERT_TRUE(peer.subscribe("flags/t", 1));
+    ASSERT_EQ(peer.publish("flags/t", std::string("kept"), 1, true), 0);
+    ASSERT_TRUE(peer.wait_for("flags/t"));  // the broker keeps it now
+    std::mutex mutex;
+    std::vector<std::pair<int, bool>> flags;
+    auto rec = std::make_shared<Recorder>([&](const std::string&, const Message& m) {
+        std::lock_guard<std::mutex> lock(mutex);
+        flags.emplace_back(m.get_qos(), m.get_retain());
+    });
+    auto c = client("flags-test");
+    c->subscribe("flags/t", 2, rec);
+    ASSERT_TRUE(ready(*c));
+    ASSERT_TRUE(wait_until([&] { return rec->count() == 1; }));
+    ASSERT_EQ(peer.publish("flags/t", std::string("live"), 0, false), 0);
+    ASSERT_TRUE(wait_until([&] { return rec->count() == 2; }));
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(flags, (std::vector<std::pair<int, bool>>{{1, true}, {0, false}}));
+    c->stop();
+}
+
 TEST_F(MqttClientTest, DispatchPrefersTheExactTopicAndOtherwiseWalksTheFiltersInKeyOrder) {
     std::mutex mutex;
     std::vector<std::string> journal;

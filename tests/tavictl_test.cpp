@@ -493,5 +493,49 @@ TEST_F(TavictlTest, PlatformCommandsReadAndChangeTheSimulatedUnit) {
               7u);
 }
 
+TEST_F(TavictlTest, DiagnosticsAccessAndBackendCommandsAgainstTheSampleUnit) {
+    std::ifstream file(MURNTAVI_TEST_SOURCE_DIR "/tools/sim/unit.conf");
+    TestKit unit({std::string(std::istreambuf_iterator<char>(file), {}), MURNTAVI_RTSUPPORT_LIB});
+    ASSERT_TRUE(unit.start()) << unit.error();
+    struct Case {
+        std::string args;
+        int code;
+        std::string output;
+    };
+    const Case cases[] = {
+        {"uds request --ecu 17 22f190", 0, "62f190574442393633343033314c393837363534\n"},
+        {"--json uds request --ecu 17 1003", 0,
+         "{\"address\":\"17\",\"response\":\"5003001901f4\"}\n"},
+        {"uds request --ecu 17 3e00", 0, "7f3e11\n"},
+        {"uds request --ecu 17 22f1x", 2,
+         "tavictl: request: expected an even number of hex digits\n"},
+        {"uds request --ecu 17 22f190 --protocol 2", 1, "tavictl: interface not allocated: "},
+        {"uds allocate -d 0.1", 0, "allocated\n"},
+        {"pgn acquire 61444 --hold 0.1", 0, "token for 61444 granted\n"},
+        {"pgn acquire 65280", 1, "tavictl: no token for 65280: Error::ECU_unknown\n"},
+        {"pgn release 61444", 0, "token for 61444 released\n"},
+        {"maint request --aaf 1 --cid 2", 0, "wartungsinformation = 25000\n"},
+        {"acl add-user mqtt alice s3cret", 0, "mqtt user alice added\n"},
+        {"acl add-acl mqtt alice --subscribe fleet/# --publish fleet/up --pgn", 0,
+         "mqtt access list of alice added\n"},
+        {"acl add-user websocket bob pw --port 80", 1,
+         "tavictl: websocket user bob added not done: invalid request\n"},
+        {"acl rm-user rest carol", 0, "rest user carol removed\n"},
+        {"backend send 7 hello --priority 2 --ttl 60", 0, "queued\ndelivered\n"},
+        {"--json backend send 7 hello", 0, "[\"queued\",\"delivered\"]\n"},
+    };
+    for (const auto& c : cases) {
+        const auto run = test::run_command(tavictl(c.args, &unit));
+        EXPECT_EQ(run.exit_code, c.code) << c.args << "\n" << run.output;
+        EXPECT_THAT(run.output, StartsWith(c.output)) << c.args;
+    }
+    // Content sent to an id the backend echoes comes back to a listener.
+    Background listen(tavictl("backend listen 4242 7", &unit));
+    ASSERT_TRUE(listen.wait_err("listening")) << listen.err();
+    EXPECT_EQ(test::run_command(tavictl("backend send 4242 hi", &unit)).exit_code, 0);
+    EXPECT_TRUE(wait_until([&] { return listen.out() == "4242 6869\n"; })) << listen.out();
+    EXPECT_EQ(listen.interrupt(), 0);
+}
+
 }  // namespace
 }  // namespace ecu::tavi::sim

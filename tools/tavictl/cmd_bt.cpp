@@ -38,8 +38,7 @@ void add_bt_commands(CLI::App& app, Session& session) {
         if (!manager->start_scan()) {
             throw Failure{EXIT_FAILED, "the Bluetooth service refused to scan"};
         }
-        wait_interrupted(std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-            std::chrono::duration<double>(seconds)));
+        wait_interrupted(duration_option(seconds));
         manager->stop_scan();
         nlohmann::ordered_json json = nlohmann::ordered_json::array();
         std::ostringstream text;

@@ -65,12 +65,7 @@ void record(Session& session, const RecordArgs& args) {
     }
     out << record_header(args.filters).dump() << std::endl;
     auto recorder = std::make_shared<Recorder>(out);
-    std::optional<std::chrono::steady_clock::duration> duration;
-    if (args.duration_s > 0) {
-        duration = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-            std::chrono::duration<double>(args.duration_s));
-    }
-    session.follow(args.filters, recorder, "recording", duration);
+    session.follow(args.filters, recorder, "recording", duration_option(args.duration_s));
     std::cerr << "tavictl: recorded " << recorder->count() << " messages in " << args.file
               << std::endl;
 }

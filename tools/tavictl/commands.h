@@ -16,5 +16,10 @@ void add_var_commands(CLI::App& app, Session& session);
 void add_sysparams_commands(CLI::App& app, Session& session);
 void add_bootflags_commands(CLI::App& app, Session& session);
 void add_bt_commands(CLI::App& app, Session& session);
+void add_uds_commands(CLI::App& app, Session& session);
+void add_pgn_commands(CLI::App& app, Session& session);
+void add_maint_commands(CLI::App& app, Session& session);
+void add_acl_commands(CLI::App& app, Session& session);
+void add_backend_commands(CLI::App& app, Session& session);
 
 }  // namespace tavictl

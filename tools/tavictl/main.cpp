@@ -32,6 +32,11 @@ int main(int argc, char** argv) {
     add_sysparams_commands(app, session);
     add_bootflags_commands(app, session);
     add_bt_commands(app, session);
+    add_uds_commands(app, session);
+    add_pgn_commands(app, session);
+    add_maint_commands(app, session);
+    add_acl_commands(app, session);
+    add_backend_commands(app, session);
     add_log_commands(app, session);
     add_watch_command(app, session);
     add_record_commands(app, session);

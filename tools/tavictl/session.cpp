@@ -118,6 +118,14 @@ bool wait_interrupted(std::optional<std::chrono::steady_clock::duration> timeout
     return s_interrupted;
 }
 
+std::optional<std::chrono::steady_clock::duration> duration_option(double seconds) {
+    if (seconds <= 0) {
+        return std::nullopt;
+    }
+    return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        std::chrono::duration<double>(seconds));
+}
+
 // ---------------------------------------------------------------------------------------
 // Session
 

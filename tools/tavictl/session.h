@@ -62,6 +62,8 @@ void install_interrupt_handling();
 void set_streaming();
 // Waits until Ctrl-C or, with a time, until it has passed; true when interrupted.
 bool wait_interrupted(std::optional<std::chrono::steady_clock::duration> timeout);
+// A --duration option given in seconds: none (until Ctrl-C) when it is not positive.
+std::optional<std::chrono::steady_clock::duration> duration_option(double seconds);
 
 class Session {
 public:

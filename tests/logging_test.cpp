@@ -129,12 +129,19 @@ TEST_F(LoggingTest, StreamLinesAndModuleFilter) {
     WARNING << "with endl" << std::endl;
     ERROR << std::shared_ptr<LogModule>() << "no module";
     ERROR.do_flush();
+    const char* absent = nullptr;  // would set the shared stream's badbit for good
+    ERROR << "text " << absent;
+    ERROR.do_flush();
+    ERROR << "still written";
+    ERROR.do_flush();
     EXPECT_EQ(out.finish(),
               "[INFO]: back to root\n"
               "[ERROR]: [tavi.com.mqttclient] severe passes\n"
               "[INFO]: [tavi.com.mqttclient] value 42\n"
               "[WARNING]: with endl\n"
-              "[ERROR]: no module\n");
+              "[ERROR]: no module\n"
+              "[ERROR]: text (null)\n"
+              "[ERROR]: still written\n");
 }
 
 TEST_F(LoggingTest, SuppressedLinesLeaveNoTraceAlsoWhenQualified) {

@@ -20,6 +20,7 @@
 #include <ostream>
 #include <streambuf>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ecu/tavi/export.h"
@@ -201,6 +202,12 @@ LogStream& operator<<(LogStream& stream, T const& value) {
         static_cast<std::ostream&>(stream) << value;
     }
     return stream;
+}
+
+// A null text is written as "(null)": std::ostream would set its badbit instead, and the
+// stream objects are shared by every thread.
+inline LogStream& operator<<(LogStream& stream, const char* text) {
+    return stream << std::string_view(text ? text : "(null)");
 }
 
 inline LogStream& operator<<(LogStream& stream, std::ostream& (*manip)(std::ostream&)) {

@@ -498,6 +498,11 @@ Outcome backend_round_trip(std::shared_ptr<com::ITransportClient>& transport) {
                            " statuses, " + (echoed.empty() ? "no echo" : "echo") +
                            " (is beproxyd running?)"};
     }
+    // Content callbacks run with the client's mutex held and take ours, so ours is let go
+    // before calling into the client again.
+    lock.unlock();
+    const bool proxy_connected = backend->is_connected();
+    lock.lock();
     auto name = [](int status) {
         return pb::BackendProxyResponse::Status_Name(
             static_cast<pb::BackendProxyResponse::Status>(status));
@@ -507,7 +512,7 @@ Outcome backend_round_trip(std::shared_ptr<com::ITransportClient>& transport) {
     return {ok, "request " + std::to_string(id) + ": " + name(statuses[0]) + " then " +
                     name(statuses[1]) + ", content " + std::to_string(kEchoContentId) +
                     " echoed (" + std::to_string(echoed.size()) + " bytes)" +
-                    (backend->is_connected() ? ", proxy connected" : "")};
+                    (proxy_connected ? ", proxy connected" : "")};
 }
 
 }  // namespace

@@ -6,8 +6,8 @@
 //
 // Thread safety: every operation may be called from any thread; publish() from several at
 // once. Callbacks run on the transport's network thread. Content callbacks run with the
-// client's mutex held: one must not call add_content_callback() or
-// clear_content_callbacks() of the same client.
+// client's mutex held: one must not call into the same client, and a lock it takes must
+// never be held by the application while it calls into the client (lock-order inversion).
 #pragma once
 
 #include <atomic>

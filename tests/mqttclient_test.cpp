@@ -597,7 +597,7 @@ TEST_F(MqttClientTest, BlockingCallsAreRefusedOnTheNetworkThreadOnly) {
     const auto module = logging::module("tavi.test");
     // A request the way a feature client makes it: publish, then wait for the answer.
     const auto request = [&](const std::string& topic, std::chrono::milliseconds timeout,
-                             std::function<bool()> answered) {
+                             const std::function<bool()>& answered) {
         std::unique_lock<std::mutex> lock(mutex);
         return _internal::publish_and_wait(*c, module, "request()", topic, text_message("q"), lock,
                                            cv, std::chrono::steady_clock::now() + timeout,

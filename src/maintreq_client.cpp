@@ -236,13 +236,13 @@ void MaintenanceRequestClient::handle_response(const com::Message& message) {
             field(response) = to_field<uint8_t>(signal->value_scaled().value);
         }
         const rt::Signal* info = group.value().signal(kWartungsinformation);
-        if (missing.empty() && info == nullptr) {
-            missing = kWartungsinformation;
-        }
-        if (missing.empty()) {
+        if (missing.empty() && info != nullptr) {
             response.wartungsinformation = to_field<uint32_t>(info->value_scaled().value);
             result = RequestResult::ok(response);
         } else {
+            if (missing.empty()) {
+                missing = kWartungsinformation;
+            }
             result = failed("Unable to get Signal '" + missing +
                             "' for SignalGroup: " + TOPIC_MAINT_RESP);
         }

@@ -379,7 +379,8 @@ SignalGroup::CanBus to_can_bus(int32_t bus) {
 }
 
 const char* dlerror_text() {
-    const char* text = dlerror();
+    // glibc keeps the loader's error text per thread.
+    const char* text = dlerror();  // NOLINT(concurrency-mt-unsafe)
     return text != nullptr ? text : "no error text";
 }
 
@@ -396,7 +397,7 @@ SignalAdapter& SignalAdapter::instance() {
         return *c_instance;
     }
     std::string path = c_rt_support_library;
-    const char* sysroot = std::getenv("SDKTARGETSYSROOT");
+    const char* sysroot = std::getenv("SDKTARGETSYSROOT");  // NOLINT(concurrency-mt-unsafe)
     if (sysroot != nullptr && path == c_default_rt_support_library) {
         path = sysroot + path;
     }

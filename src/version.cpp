@@ -31,6 +31,7 @@ TaviVersion::SemVer parse_version_tag(const char* tag) {
     TaviVersion::SemVer version;
     // A tag with fewer numbers ("7.4") is still a version; only a tag without any leading
     // number (such as "v1.2") is not.
+    // NOLINTNEXTLINE(cert-err34-c): a tag is only ever cut short, and then the rest stays 0
     if (std::sscanf(tag, "%2u.%2u.%2u", &version.major, &version.minor, &version.patch) < 1) {
         ERROR << s_log << "Unable to extract SemVer from tag: " << tag;
         ERROR.do_flush();

@@ -1,12 +1,13 @@
-// Bluetooth: whether the unit's Bluetooth service is available and operational, and device
-// discovery. Scans are started and stopped by small calls to the service, answered on the
-// application's own topic and matched by request id; the devices found arrive on a fixed
-// topic while scanning and go to the registered observers.
-//
-// Thread safe. available()/operational() wait (polling once a second) until the first
-// status arrives or 5 s after the client was made; start_scan()/stop_scan() wait up to 30 s
-// for the answer. Both refuse to wait when made on the transport's network thread, i.e.
-// inside an observer. Observers are called on the network thread.
+/// \file
+/// Bluetooth: whether the unit's Bluetooth service is available and operational, and device
+/// discovery. Scans are started and stopped by small calls to the service, answered on the
+/// application's own topic and matched by request id; the devices found arrive on a fixed
+/// topic while scanning and go to the registered observers.
+///
+/// Thread safe. available()/operational() wait (polling once a second) until the first
+/// status arrives or 5 s after the client was made; start_scan()/stop_scan() wait up to 30 s
+/// for the answer. Both refuse to wait when made on the transport's network thread, i.e.
+/// inside an observer. Observers are called on the network thread.
 #pragma once
 
 #include <atomic>
@@ -23,7 +24,7 @@
 
 namespace ecu::tavi::bt {
 
-// A service a device offers.
+/// A service a device offers.
 struct Service {
     std::string uuid;
     std::string name;
@@ -39,11 +40,11 @@ public:
     const std::string& address() const { return m_address; }
     const std::string& name() const { return m_name; }
     const std::vector<Service>& services() const { return m_services; }
-    // Received signal strength, dBm.
+    /// Received signal strength, dBm.
     signed char rssi() const { return m_rssi; }
     bool paired() const { return m_paired; }
     bool connected() const { return m_connected; }
-    // Milliseconds since boot.
+    /// Milliseconds since boot.
     std::uint64_t timestamp_discovered() const { return m_timestamp_discovered; }
     std::uint64_t timestamp_last_seen() const { return m_timestamp_last_seen; }
 
@@ -65,9 +66,9 @@ public:
         : m_devices(std::move(devices)), m_error(error), m_timestamp(timestamp) {}
 
     const std::vector<Device>& devices() const { return m_devices; }
-    // The service's result status; 0 for results delivered to observers.
+    /// The service's result status; 0 for results delivered to observers.
     int error() const { return m_error; }
-    // When the results arrived: nanoseconds since boot, as stamped by the service.
+    /// When the results arrived: nanoseconds since boot, as stamped by the service.
     std::uint64_t timestamp() const { return m_timestamp; }
 
 private:
@@ -76,7 +77,7 @@ private:
     std::uint64_t m_timestamp = 0;
 };
 
-// Told about every set of scan results, on the transport's network thread.
+/// Told about every set of scan results, on the transport's network thread.
 class TAVI_EXPORT IDiscoveryObserver {
 public:
     virtual ~IDiscoveryObserver() = default;
@@ -89,7 +90,7 @@ public:
     virtual bool start_scan() = 0;
     virtual bool stop_scan() = 0;
     virtual bool scanning() = 0;
-    // The last results received.
+    /// The last results received.
     virtual DiscoveryResult scan_results() = 0;
     virtual void register_observer(std::shared_ptr<IDiscoveryObserver> observer) = 0;
 };
@@ -107,7 +108,7 @@ public:
     DiscoveryResult scan_results() override;
     void register_observer(std::shared_ptr<IDiscoveryObserver> observer) override;
 
-    // One start (or stop) request and its answer; true when the service accepted it.
+    /// One start (or stop) request and its answer; true when the service accepted it.
     bool rpc_send_control(bool start);
 
     class DiscoveryResponseObserver;
@@ -141,9 +142,9 @@ public:
     BluetoothClient(const BluetoothClient&) = delete;
     BluetoothClient& operator=(const BluetoothClient&) = delete;
 
-    // The service runs (any status but "unavailable").
+    /// The service runs (any status but "unavailable").
     virtual bool available();
-    // The service is ready to scan.
+    /// The service is ready to scan.
     virtual bool operational();
     virtual std::shared_ptr<IDiscoveryManager> discovery_manager();
 
@@ -157,7 +158,7 @@ private:
     std::shared_ptr<MqttDiscoveryManager> m_discovery;
 };
 
-// Empty, with an ERROR line, without a transport.
+/// Empty, with an ERROR line, without a transport.
 TAVI_EXPORT std::shared_ptr<BluetoothClient> create_bt_client(
     std::shared_ptr<com::ITransportClient>& transport);
 

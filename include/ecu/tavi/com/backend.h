@@ -1,13 +1,14 @@
-// Exchanges data with the remote backend through the unit's backend proxy: content goes out
-// on "be/publish" with a request id, the proxy reports per-request results on
-// "app/<client name>/be/response", and content for the application arrives raw on
-// "app/cid/<content id>". The proxy's connection state ("be/status") and send-queue state
-// ("be/queue/status") are followed as well.
-//
-// Thread safety: every operation may be called from any thread; publish() from several at
-// once. Callbacks run on the transport's network thread. Content callbacks run with the
-// client's mutex held: one must not call into the same client, and a lock it takes must
-// never be held by the application while it calls into the client (lock-order inversion).
+/// \file
+/// Exchanges data with the remote backend through the unit's backend proxy: content goes out
+/// on "be/publish" with a request id, the proxy reports per-request results on
+/// "app/<client name>/be/response", and content for the application arrives raw on
+/// "app/cid/<content id>". The proxy's connection state ("be/status") and send-queue state
+/// ("be/queue/status") are followed as well.
+///
+/// Thread safety: every operation may be called from any thread; publish() from several at
+/// once. Callbacks run on the transport's network thread. Content callbacks run with the
+/// client's mutex held: one must not call into the same client, and a lock it takes must
+/// never be held by the application while it calls into the client (lock-order inversion).
 #pragma once
 
 #include <atomic>
@@ -34,24 +35,24 @@ public:
         std::uint32_t available = 0;
         std::uint32_t in_flight = 0;
         std::uint32_t kl30robust = 0;
-        // When it was received, milliseconds since boot.
+        /// When it was received, milliseconds since boot.
         std::uint64_t received_ms = 0;
     };
 
-    // Called with the request id and the proxy's status of that request: 2 (queued) is
-    // followed by a further answer, every other status is the last one.
+    /// Called with the request id and the proxy's status of that request: 2 (queued) is
+    /// followed by a further answer, every other status is the last one.
     using ResponseCallback = std::function<void(std::uint64_t, int)>;
 
     struct TxOptions {
         std::uint32_t priority = 0;
-        // How long the proxy may keep trying, in seconds.
+        /// How long the proxy may keep trying, in seconds.
         std::uint32_t ttl_s = 0;
-        // Keep the content queued across a power cycle.
+        /// Keep the content queued across a power cycle.
         bool kl30robust = false;
         bool compress = false;
-        // Queue the content while the backend is unreachable instead of dropping it.
+        /// Queue the content while the backend is unreachable instead of dropping it.
         bool store_offline = false;
-        // Set: the proxy reports the results of the request.
+        /// Set: the proxy reports the results of the request.
         ResponseCallback response_callback;
     };
 
@@ -59,25 +60,25 @@ public:
     using QueueStatusCallback = std::function<void(const QueueStatus&)>;
     using ContentCallback = std::function<void(unsigned int, const Message&)>;
 
-    // Subscribes the response topic and "be/status".
+    /// Subscribes the response topic and "be/status".
     explicit BackendClient(std::shared_ptr<ITransportClient> transport);
-    // Unsubscribes everything it subscribed. Not from inside one of its callbacks.
+    /// Unsubscribes everything it subscribed. Not from inside one of its callbacks.
     ~BackendClient();
     BackendClient(const BackendClient&) = delete;
     BackendClient& operator=(const BackendClient&) = delete;
 
     bool is_connected();
-    // Subscribes "be/queue/status" on first use; the last status received (zeros before).
+    /// Subscribes "be/queue/status" on first use; the last status received (zeros before).
     QueueStatus queue_status();
     void add_connection_callback(ConnectionCallback callback);
     void add_queue_status_callback(QueueStatusCallback callback);
-    // Replaces the callback of a content id; the topic is subscribed once per id. Id 0 is
-    // no content id: the callback is kept but nothing is subscribed.
+    /// Replaces the callback of a content id; the topic is subscribed once per id. Id 0 is
+    /// no content id: the callback is kept but nothing is subscribed.
     void add_content_callback(unsigned int content_id, ContentCallback callback);
     void clear_content_callbacks(unsigned int content_id);
 
-    // Sends the payload as it is; returns the request id (1, 2, ... per client), or 0 when
-    // nothing was sent. A failed send calls the response callback with status 1.
+    /// Sends the payload as it is; returns the request id (1, 2, ... per client), or 0 when
+    /// nothing was sent. A failed send calls the response callback with status 1.
     std::uint64_t publish(const Message& data, unsigned int content_id, const TxOptions& options);
 
 private:
@@ -109,7 +110,7 @@ private:
     std::atomic<std::uint64_t> m_request_id{0};
 };
 
-// Empty, with an ERROR line, when there is no transport.
+/// Empty, with an ERROR line, when there is no transport.
 TAVI_EXPORT std::shared_ptr<BackendClient> create_be_client(
     std::shared_ptr<ITransportClient>& transport);
 

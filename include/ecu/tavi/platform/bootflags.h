@@ -1,12 +1,13 @@
-// The boot flags of the unit's two software banks (A/B system): which bank runs, which is
-// selected for the next boot, whether each is valid, the boot counter, why the bank was
-// last switched and the boot mode. The client keeps the latest flags published on
-// "system/bootflags", waits for the first ones when asked before they came, formats them,
-// and changes them through "system/bootflags/set", checking the flags that come back.
-// Changes are refused on the TPA partition.
-//
-// Thread safe. Getters and setters that have to wait refuse at once (with an ERROR line,
-// as on a time-out) when made on the transport's network thread, i.e. inside an observer.
+/// \file
+/// The boot flags of the unit's two software banks (A/B system): which bank runs, which is
+/// selected for the next boot, whether each is valid, the boot counter, why the bank was
+/// last switched and the boot mode. The client keeps the latest flags published on
+/// "system/bootflags", waits for the first ones when asked before they came, formats them,
+/// and changes them through "system/bootflags/set", checking the flags that come back.
+/// Changes are refused on the TPA partition.
+///
+/// Thread safe. Getters and setters that have to wait refuse at once (with an ERROR line,
+/// as on a time-out) when made on the transport's network thread, i.e. inside an observer.
 #pragma once
 
 #include <condition_variable>
@@ -38,7 +39,7 @@ public:
         BOOT_MODE_PRODUCTION_TEST = 1,
         BOOT_MODE_UNINITIALIZED = 255,
     };
-    // Causes CAUSE_TAVI..CAUSE_TAVI_9 are the ones an application may request.
+    /// Causes CAUSE_TAVI..CAUSE_TAVI_9 are the ones an application may request.
     enum BankSwitchCause : std::uint32_t {
         CAUSE_NEVER_SWITCHED = 0,
         CAUSE_UBOOT_UNKNOWN = 1,
@@ -76,32 +77,32 @@ public:
     static const char* to_str(BankSwitchCause cause);
     static const char* to_str(SetResult result);
 
-    // wait_ms: how long getters wait for the first flags.
+    /// wait_ms: how long getters wait for the first flags.
     BootFlagsClient(std::shared_ptr<com::ITransportClient> transport, int wait_ms);
     virtual ~BootFlagsClient();
     BootFlagsClient(const BootFlagsClient&) = delete;
     BootFlagsClient& operator=(const BootFlagsClient&) = delete;
 
-    // (whether flags were received, the value); the value is the initial one without.
+    /// (whether flags were received, the value); the value is the initial one without.
     virtual std::pair<bool, BootBank> current_bank();
     virtual std::pair<bool, BootBank> selected_bank();
     virtual std::pair<bool, std::uint32_t> boot_counter();
-    // Bank 0 or 1 only; (false, false) at once for any other.
+    /// Bank 0 or 1 only; (false, false) at once for any other.
     virtual std::pair<bool, bool> boot_bank_valid(BootBank bank);
     virtual std::pair<bool, BankSwitchCause> bank_switch_cause();
     virtual std::pair<bool, BootMode> boot_mode();
-    // Time stamp (ns since boot) of the last flags taken; 0 before any.
+    /// Time stamp (ns since boot) of the last flags taken; 0 before any.
     virtual std::int64_t update_timestamp();
 
-    // Selects the bank for the next boot, with an application cause.
+    /// Selects the bank for the next boot, with an application cause.
     virtual SetResult set_boot_bank(BootBank bank, BankSwitchCause cause);
     virtual SetResult set_boot_bank_valid(BootBank bank, bool valid);
-    // Selects the other bank for the next boot, if it is valid.
+    /// Selects the other bank for the next boot, if it is valid.
     virtual SetResult switch_bank(BankSwitchCause cause);
-    // One line, or one item a line when multiline.
+    /// One line, or one item a line when multiline.
     virtual std::string boot_flags_string(bool multiline);
 
-    // Publishes the fields that flags carries and checks them in the flags that come back.
+    /// Publishes the fields that flags carries and checks them in the flags that come back.
     SetResult set_boot_flags(const pb::BootFlags& flags);
 
     class PublishObserver;
@@ -127,12 +128,12 @@ private:
     std::mutex m_mutex;
     int m_wait_ms;
     Partition m_partition;
-    // Flags taken so far: tells a received message apart from none and wakes setters.
+    /// Flags taken so far: tells a received message apart from none and wakes setters.
     std::uint64_t m_updates = 0;
 };
 
-// Getters wait up to 5 s for the first flags. Empty, with an ERROR line, without a
-// transport.
+/// Getters wait up to 5 s for the first flags. Empty, with an ERROR line, without a
+/// transport.
 TAVI_EXPORT std::shared_ptr<BootFlagsClient> create_boot_flags_client(
     std::shared_ptr<com::ITransportClient> transport);
 

@@ -1,8 +1,9 @@
-// A real-time signal group in memory: identity, topic, bus and its signals in payload order.
-// Groups are made by the SignalAdapter (create_sg, unpack) and written by the application.
-//
-// Not thread safe: use one group from one thread at a time. A group's signals point into the
-// support library's table, which stays loaded for the life of the process.
+/// \file
+/// A real-time signal group in memory: identity, topic, bus and its signals in payload order.
+/// Groups are made by the SignalAdapter (create_sg, unpack) and written by the application.
+///
+/// Not thread safe: use one group from one thread at a time. A group's signals point into the
+/// support library's table, which stays loaded for the life of the process.
 #pragma once
 
 #include <string>
@@ -16,7 +17,7 @@ namespace ecu::tavi::rt {
 
 class TAVI_EXPORT SignalGroup {
 public:
-    // The bus numbers counted from zero; NO_BUS for groups that live on no vehicle bus.
+    /// The bus numbers counted from zero; NO_BUS for groups that live on no vehicle bus.
     enum CanBus : int { CAN_BUS_1 = 0, CAN_BUS_2 = 1, NO_BUS = 2 };
 
     SignalGroup(unsigned int rtid, std::string name, std::string const& topic, CanBus bus,
@@ -29,30 +30,30 @@ public:
     bool retained() const { return m_retained; }
     unsigned long long timestamp() const { return m_timestamp; }
     const std::vector<Signal>& signals() const { return m_signals; }
-    // Names written through the setters since creation, each once, in first-write order.
+    /// Names written through the setters since creation, each once, in first-write order.
     const std::vector<std::string>& set_signals() const { return m_set_signals; }
 
     void add_signal(Signal signal) { m_signals.push_back(std::move(signal)); }
 
     bool has_signal(std::string const& name) const;
-    // The signal of that name, or nullptr (logged) when the group has none.
+    /// The signal of that name, or nullptr (logged) when the group has none.
     const Signal* signal(std::string const& name) const;
-    // Write the named signal and record its name; false when the name is unknown (logged)
-    // or the signal refuses the value.
+    /// Write the named signal and record its name; false when the name is unknown (logged)
+    /// or the signal refuses the value.
     bool set_signal_data(std::string const& name, std::vector<unsigned char> const& data);
     bool set_signal_scaled_value(std::string const& name, double value);
     void add_set_signals(std::string const& name);
 
-    // True when every signal's status is OK; a group without signals is valid.
+    /// True when every signal's status is OK; a group without signals is valid.
     bool is_valid() const;
 
-    // Compares rtid, name, topic and the signals; not bus, retain flag, time stamp or the
-    // names set.
+    /// Compares rtid, name, topic and the signals; not bus, retain flag, time stamp or the
+    /// names set.
     bool operator==(SignalGroup const& other) const;
     bool operator!=(SignalGroup const& other) const { return !(*this == other); }
 
 private:
-    friend class SignalAdapter;  // reserves the signal list when it builds a group
+    friend class SignalAdapter;  ///< reserves the signal list when it builds a group
 
     Signal* find(std::string const& name);
 
@@ -66,7 +67,7 @@ private:
     unsigned long long m_timestamp;
 };
 
-// "1" and "2" for the two buses, "-" for any other value.
+/// "1" and "2" for the two buses, "-" for any other value.
 TAVI_EXPORT const char* to_str(SignalGroup::CanBus bus);
 
 }  // namespace ecu::tavi::rt

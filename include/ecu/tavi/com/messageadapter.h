@@ -11,9 +11,10 @@
 /// deserialize() may be called from several threads at once.
 ///
 /// Wire layout of a framed message:
-///   bytes 0..17   pb::KOVHeader: fixed64 length word (bits 0..15 protocol type, 16..31
-///                 header length = 18, 32..63 body length), fixed64 time stamp in ns
-///   bytes 18..    the serialized body; anything after body length bytes is ignored
+///
+///     bytes 0..17   pb::KOVHeader: fixed64 length word (bits 0..15 protocol type, 16..31
+///                   header length = 18, 32..63 body length), fixed64 time stamp in ns
+///     bytes 18..    the serialized body; anything after body length bytes is ignored
 #pragma once
 
 #include <atomic>
@@ -46,7 +47,7 @@ enum class PbInternalDeserializationError : int {
 
 /// Why a message could not be built.
 enum class SerializationError : int {
-    OUT_OF_MEMORY = 1,
+    OUT_OF_MEMORY = 1,           ///< no memory for the payload
     BODY_FAILED = 2,             ///< also: body too large for the length word
     PROTOCOL_NOT_SPECIFIED = 3,  ///< raw adapters refuse protocol type 0
 };
@@ -56,11 +57,19 @@ enum class SerializationError : int {
 /// Size of the serialized pb::KOVHeader in front of every framed message.
 constexpr std::size_t FRAME_HEADER_SIZE = 18;
 
+/// Turns a T into a Message and back; E says why a payload was rejected.
+///
+/// Neither operation throws or changes anything the caller can see (PbInternalMessageAdapter
+/// notes the protocol type it received); both may be called from several threads at once.
 template <typename T, typename E>
 class IMessageAdapter {
 public:
     virtual ~IMessageAdapter() = default;
+    /// The payload of body, QoS 0 and not retained; an error, with a log line, when it cannot
+    /// be built.
     virtual Result<Message, err::SerializationError> serialize(const T& body) const = 0;
+    /// The body a received payload carries; an error, with a log line, when the payload is
+    /// rejected.
     virtual Result<T, E> deserialize(const Message& message) const = 0;
 };
 
@@ -121,11 +130,19 @@ public:
 /// Frames T behind a pb::KOVHeader. T is a protobuf message or std::string (raw bytes).
 ///
 /// A successful deserialize() stores the received protocol type in the adapter, so a later
-/// serialize() answers with the protocol type of the last message received.
+/// serialize() answers with the protocol type of the last message received. serialize()
+/// stamps the header with DateTime::time_since_boot_ns(). A std::string body must fill the
+/// payload exactly: bytes after it are rejected, while a protobuf body ignores them.
+/// For T = pb::RtSignal the adapter also offers a static get_timestamp(const pb::RtSignal&):
+/// the signal's own time, milliseconds since boot when it was packed.
+///
+/// Thread safe: one adapter may serve several threads at once.
 template <typename T>
 class PbInternalMessageAdapter : public IMessageAdapter<T, err::PbInternalDeserializationError>,
                                  public _internal::SignalTime<T> {
 public:
+    /// An adapter that frames with the given protocol type (see ProtocolType); received
+    /// messages may carry any non-zero type.
     explicit PbInternalMessageAdapter(std::uint32_t protocol_type)
         : m_protocol_type(protocol_type) {}
 
@@ -138,6 +155,7 @@ public:
             [&](T& body) { return _internal::unframe(message, m_protocol_type, body); });
     }
 
+    /// The protocol type serialize() writes: the constructor's, or the last one received.
     std::uint32_t protocol_type() const { return m_protocol_type.load(std::memory_order_relaxed); }
 
 private:
@@ -145,11 +163,13 @@ private:
 };
 
 /// Passes T without a header: a std::string's bytes as they are, a protobuf message
-/// serialized. Refuses to serialize with protocol type 0.
+/// serialized. Refuses to serialize with protocol type 0. Thread safe, without state.
 template <typename T>
 class PbVcpMessageAdapter : public IMessageAdapter<T, err::PbInternalDeserializationError>,
                             public _internal::SignalTime<T> {
 public:
+    /// An adapter that logs in "tavi.com.vcpmessageadapter". The protocol type is not
+    /// sent; it only has to be non-zero.
     explicit PbVcpMessageAdapter(std::uint32_t protocol_type)
         : PbVcpMessageAdapter(_internal::RawChannel::VCP, protocol_type) {}
 
@@ -162,9 +182,11 @@ public:
             [&](T& body) { return _internal::deserialize_raw(m_channel, message, body); });
     }
 
+    /// The protocol type given to the constructor.
     std::uint32_t protocol_type() const { return m_protocol_type; }
 
 protected:
+    /// An adapter that logs in the module of the given channel.
     PbVcpMessageAdapter(_internal::RawChannel channel, std::uint32_t protocol_type)
         : m_channel(channel), m_protocol_type(protocol_type) {}
 
@@ -177,6 +199,7 @@ private:
 template <typename T>
 class PbBackendMessageAdapter : public PbVcpMessageAdapter<T> {
 public:
+    /// An adapter that logs in "tavi.com.bemessageadapter".
     explicit PbBackendMessageAdapter(std::uint32_t protocol_type)
         : PbVcpMessageAdapter<T>(_internal::RawChannel::BACKEND, protocol_type) {}
 };

@@ -29,7 +29,7 @@ enum StatusEvaluation : int32_t {
 
 /// One signal. Raw data is little-endian; physical value = (raw + offset) * factor.
 struct signal_def {
-    const char* name;
+    const char* name;      ///< the signal's name in its group
     int32_t dt_bit_size;   ///< width of one element of the data type, in bits, > 0
     int32_t raw_bit_size;  ///< meaningful raw bits, > 0; more than one element makes an array
     double factor;         ///< must not be 0 for signals that are written
@@ -44,16 +44,16 @@ struct signal_def {
 
 /// One signal group: its signals in payload order.
 struct signalgroup_def {
-    const char* name;
-    int32_t bus;  ///< 0 and 1 are the two vehicle buses, anything else means no bus
-    bool retained;
-    std::vector<signal_def> signals;
+    const char* name;  ///< the group's name
+    int32_t bus;       ///< 0 and 1 are the two vehicle buses, anything else means no bus
+    bool retained;     ///< messages of the group are published retained
+    std::vector<signal_def> signals;  ///< the signals in payload order
 };
 
 /// A group and its real-time identifier.
 struct signalgroup_mapping {
-    uint32_t rtid;
-    signalgroup_def group;
+    uint32_t rtid;          ///< the real-time identifier, unique in the table
+    signalgroup_def group;  ///< the group itself
 };
 
 /// Every group of the platform by its broker topic, ordered by topic.
@@ -61,6 +61,7 @@ using SignalGroupsDefinition = std::map<std::string, signalgroup_mapping>;
 
 /// Name and type of the support library's entry point: takes nothing, returns the table.
 constexpr const char* c_mapping_factory_symbol = "mapping_factory";
+/// The type of the entry point.
 using mapping_factory_fn = const SignalGroupsDefinition* (*)();
 
 }  // namespace ecu::tavi::rt::_internal

@@ -21,8 +21,19 @@
 
 namespace ecu::tavi::var {
 
+/// Reads ECU variables, caching every value received.
+///
+/// Made by create_var_client(); holds the transport; destroy it on any thread but the
+/// network thread. A name stays subscribed from its first read until the client goes, and
+/// each value published meanwhile replaces the cached one.
+///
+/// Surprising: the transport subscribes a topic at the broker only once, so the broker sends
+/// a retained value only to the first subscriber of the transport. A second client on the
+/// same transport reading a name the first one already reads waits in vain until the
+/// service publishes the value again. Share one variables client per transport.
 class TAVI_EXPORT VariablesClient {
 public:
+    /// Subscribes nothing yet. The transport must not be empty.
     explicit VariablesClient(std::shared_ptr<com::ITransportClient> transport);
     /// Unsubscribes from every variable ever asked for.
     virtual ~VariablesClient();
@@ -30,7 +41,9 @@ public:
     VariablesClient& operator=(const VariablesClient&) = delete;
 
     /// The variable's value, or default_value when it is unknown after timeout_ms, or the name
-    /// contains "/", "+" or "#".
+    /// contains "/", "+" or "#". Blocks up to timeout_ms on the first read of a name; on the
+    /// network thread a value not yet cached gives default_value at once, with an ERROR
+    /// line.
     virtual std::string get(const std::string& name, const std::string& default_value,
                             int timeout_ms);
     /// As get(); a value answered from the cache also gives its time stamp (0 when the
@@ -38,12 +51,14 @@ public:
     virtual std::string get_extended(std::uint64_t& timestamp, const std::string& name,
                                      const std::string& default_value, int timeout_ms);
 
-    /// One per name ever asked for; an empty value means "not known yet".
+    /// One per name ever asked for; an empty value means "not known yet". Used by the
+    /// client only, under its mutex.
     struct Variable {
-        std::string value;
-        std::uint64_t timestamp = 0;
-        std::condition_variable changed;
+        std::string value;                ///< the last value received
+        std::uint64_t timestamp = 0;      ///< its time stamp, as the service sent it
+        std::condition_variable changed;  ///< signalled when a value arrives
     };
+    /// Receives the values on the transport's network thread; points back to the client.
     class PublishObserver;
 
 private:

@@ -107,7 +107,8 @@ public:
     /// refused with an ERROR line.
     ///
     /// The broker hears of the subscription once the transport is connected and started
-    /// (system topics: once connected), and again after every reconnection. A filter that is
+    /// (the platform's variables and parameters, "system/var/...", "system/sysparam/..." and
+    /// "system/sysparams": once connected), and again after every reconnection. A filter that is
     /// already subscribed is not subscribed again at the broker, so a second observer of it
     /// does not receive the retained message the first one got.
     ///

@@ -7,9 +7,9 @@
 ///
 /// Thread safety: every operation may be called from any thread; publish() from several at
 /// once. Callbacks run on the transport's network thread (but see publish()). Content
-/// callbacks run with the
-/// client's mutex held: one must not call into the same client, and a lock it takes must
-/// never be held by the application while it calls into the client (lock-order inversion).
+/// callbacks run with the client's mutex held: one must not call into the same client, and
+/// a lock it takes must never be held by the application while it calls into the client
+/// (lock-order inversion).
 #pragma once
 
 #include <atomic>

@@ -1,11 +1,14 @@
-// Value-or-error holder returned by every fallible operation of the library, which never
-// throws to the application. Not thread safe; copy it between threads.
-//
-//   Result<int, Error> parse(...) { ... return Result<int, Error>::err(Error::Bad); }
-//   auto r = parse(...);
-//   if (!r.has_value()) { handle(r.error()); }
-//
-// Accessing value() of an error or error() of a value is a programming error and aborts.
+/// \file
+/// Value-or-error holder returned by every fallible operation of the library, which never
+/// throws to the application. Not thread safe; copy it between threads.
+///
+/// \code
+/// Result<int, Error> parse(...) { ... return Result<int, Error>::err(Error::Bad); }
+/// auto r = parse(...);
+/// if (!r.has_value()) { handle(r.error()); }
+/// \endcode
+///
+/// Accessing value() of an error or error() of a value is a programming error and aborts.
 #pragma once
 
 #include <cstdio>
@@ -23,16 +26,23 @@ namespace _internal {
 }
 }  // namespace _internal
 
+/// Either a value of type T or an error of type E.
+///
+/// A value type: not thread safe; copy it to hand it to another thread. Reading value() of
+/// an error, or error() of a value, writes the reason to stderr and aborts the process.
 template <typename T, typename E>
 class Result {
 public:
-    // The value is built in place from the arguments.
+    /// A successful result; the value is built in place from the arguments.
     template <typename... Args>
     static Result ok(Args&&... args) {
         return Result(Value{}, std::forward<Args>(args)...);
     }
+    /// A failed result holding the error.
     static Result err(E error) { return Result(Error{}, std::move(error)); }
 
+    /// Copies and moves take the value or the error along.
+    ///@{
     Result(const Result& other) : m_has_value(other.m_has_value) {
         if (m_has_value) {
             new (&m_value) T(other.m_value);
@@ -69,11 +79,16 @@ public:
         }
         return *this;
     }
+    ///@}
     ~Result() { destroy(); }
 
+    /// True for a success.
     bool has_value() const { return m_has_value; }
+    /// has_value().
     explicit operator bool() const { return m_has_value; }
 
+    /// The value; aborts for an error. References live as long as the result.
+    ///@{
     T& value() & {
         check(m_has_value, "value() of an error Result");
         return m_value;
@@ -86,6 +101,8 @@ public:
         check(m_has_value, "value() of an error Result");
         return std::move(m_value);
     }
+    ///@}
+    /// The error; aborts for a success.
     const E& error() const {
         check(!m_has_value, "error() of a successful Result");
         return m_error;
@@ -120,15 +137,20 @@ private:
     };
 };
 
-// Success without a value, or an error.
+/// Success without a value, or an error. Same rules as the general Result.
 template <typename E>
 class Result<void, E> {
 public:
+    /// A success.
     static Result ok() { return Result(true, E{}); }
+    /// A failure holding the error.
     static Result err(E error) { return Result(false, std::move(error)); }
 
+    /// True for a success.
     bool has_value() const { return m_has_value; }
+    /// has_value().
     explicit operator bool() const { return m_has_value; }
+    /// The error; aborts for a success.
     const E& error() const {
         if (m_has_value) {
             _internal::result_access_failed("error() of a successful Result");

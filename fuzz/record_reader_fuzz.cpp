@@ -2,20 +2,15 @@
 // entries or with an error naming a line, never with a fault; entries it accepts have a
 // topic and a time.
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 
 #include "decoder.h"
-#include "ecu/tavi/logging/logging.h"
+#include "fuzz_support.h"
 #include "recordfile.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    ecu::tavi::logging::set_log_mode(ecu::tavi::logging::STDOUT);
-    ecu::tavi::logging::set_log_level(0);
-    if (std::freopen("/dev/null", "w", stdout) == nullptr) {
-        std::abort();
-    }
+    fuzz::quiet_logging();
     tavictl::use_rt_table(mapping_factory());
     return 0;
 }

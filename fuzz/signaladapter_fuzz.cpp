@@ -6,16 +6,15 @@
 // rules and the cutting into signals are reached at once. Every group that unpacks is judged
 // signal by signal and must survive pack and unpack unchanged.
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "ecu/tavi/com/messageadapter.h"
 #include "ecu/tavi/com/protocol_types.h"
-#include "ecu/tavi/logging/logging.h"
 #include "ecu/tavi/pb/rtsignal.pb.h"
 #include "ecu/tavi/rt/signaladapter.h"
+#include "fuzz_support.h"
 
 namespace {
 
@@ -26,12 +25,7 @@ std::vector<std::string> s_topics;
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // Rejected input is logged; keep the log off the fuzzer's console and out of syslog.
-    logging::set_log_mode(logging::STDOUT);
-    logging::set_log_level(0);
-    if (std::freopen("/dev/null", "w", stdout) == nullptr) {
-        std::abort();
-    }
+    fuzz::quiet_logging();
     // The sample table is compiled into this target, so no library has to be found.
     rt::SignalAdapter::enforce_definition(mapping_factory());
     s_topics = rt::SignalAdapter::instance().get_topics("");

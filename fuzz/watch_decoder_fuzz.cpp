@@ -3,7 +3,6 @@
 // a body put behind a valid frame header (high bit), so that every body parser is reached.
 // The text and JSON views of whatever decodes must be produced without fault.
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -11,7 +10,7 @@
 #include "decoder.h"
 #include "ecu/tavi/com/messageadapter.h"
 #include "ecu/tavi/com/protocol_types.h"
-#include "ecu/tavi/logging/logging.h"
+#include "fuzz_support.h"
 
 namespace {
 
@@ -45,11 +44,7 @@ const char* const kTopics[] = {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    ecu::tavi::logging::set_log_mode(ecu::tavi::logging::STDOUT);
-    ecu::tavi::logging::set_log_level(0);
-    if (std::freopen("/dev/null", "w", stdout) == nullptr) {
-        std::abort();
-    }
+    fuzz::quiet_logging();
     tavictl::use_rt_table(mapping_factory());
     return 0;
 }

@@ -85,6 +85,12 @@ Simulator::Simulator(SimulatorOptions options, std::shared_ptr<Unit> unit)
     }
     std::sort(m_daemons.begin(), m_daemons.end(),
               [](const auto& a, const auto& b) { return a->name() < b->name(); });
+    m_known_keys = kUnitKeys;
+    for (const auto& daemon : m_daemons) {
+        for (auto& key : daemon->keys()) {
+            m_known_keys.push_back(std::move(key));
+        }
+    }
 }
 
 Simulator::~Simulator() {
@@ -96,23 +102,13 @@ std::string Simulator::connection_value(const std::string& key, const char* fall
     return it == m_options.connection.end() ? fallback : it->second;
 }
 
-std::vector<UnitKey> Simulator::known_keys() const {
-    std::vector<UnitKey> keys = kUnitKeys;
-    for (const auto& daemon : m_daemons) {
-        for (auto& key : daemon->keys()) {
-            keys.push_back(std::move(key));
-        }
-    }
-    return keys;
-}
-
 std::vector<UnitKey> Simulator::unit_keys() const {
-    return known_keys();
+    return m_known_keys;
 }
 
 std::vector<std::string> Simulator::check(const Unit& unit) const {
     std::vector<std::string> errors;
-    const std::vector<UnitKey> known = known_keys();
+    const std::vector<UnitKey>& known = m_known_keys;
     for (const auto& key : unit.keys()) {
         auto is_key = [&key](const UnitKey& k) { return matches(key, k); };
         if (std::any_of(known.begin(), known.end(), is_key)) {

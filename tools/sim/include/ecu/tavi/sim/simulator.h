@@ -85,14 +85,14 @@ public:
 
 private:
     Daemon* find(const std::string& name) const;
-    // The simulator's own keys and the daemons'.
-    std::vector<UnitKey> known_keys() const;
     // A connection key as the library reads it, with its default when absent.
     std::string connection_value(const std::string& key, const char* fallback) const;
 
     SimulatorOptions m_options;
     std::shared_ptr<Unit> m_unit;
     std::vector<std::unique_ptr<Daemon>> m_daemons;
+    // The simulator's own keys and the daemons', gathered once: they never change.
+    std::vector<UnitKey> m_known_keys;
     std::vector<std::shared_ptr<com::ITransportClient>> m_transports;
     std::atomic<bool> m_running{false};
 };

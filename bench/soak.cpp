@@ -262,8 +262,9 @@ public:
                   [this](uint64_t n) { return group_batch(n); });
     }
 
-    // Forgets what the warm-up counted.
+    // Forgets what the warm-up counted; from now on each restart tells how far it is.
     void reset() {
+        m_progress = true;
         for (auto& phase : m_phases) {
             phase.done = phase.failed = 0;
             phase.busy = {};
@@ -272,6 +273,15 @@ public:
         m_restarts = 0;
         m_restart_failures = 0;
         m_longest_restart = {};
+    }
+
+    // Requests and groups that failed, and restarts after which something was not ready.
+    uint64_t failures() const {
+        uint64_t failed = m_restart_failures;
+        for (const auto& phase : m_phases) {
+            failed += phase.failed;
+        }
+        return failed;
     }
 
     // Prints the figures; true when nothing failed.
@@ -318,6 +328,13 @@ private:
         uint64_t next_restart = restart_every;
         for (uint64_t done = 0; done < count;) {
             if (done == next_restart) {
+                if (m_progress) {
+                    std::printf("soak: %s: %llu of %llu, %llu failed\n", phase.name,
+                                static_cast<unsigned long long>(done),
+                                static_cast<unsigned long long>(count),
+                                static_cast<unsigned long long>(phase.failed));
+                    std::fflush(stdout);
+                }
                 restart_broker();
                 next_restart += restart_every;
             }
@@ -415,6 +432,7 @@ private:
     uint64_t m_groups_sent = 0;
     uint64_t m_groups_missing = 0;
     Phase m_phases[3] = {{"uds", "requests"}, {"variables", "requests"}, {"groups", "groups"}};
+    bool m_progress = false;
     uint64_t m_restarts = 0;
     uint64_t m_restart_failures = 0;
     Clock::duration m_longest_restart{};
@@ -453,6 +471,7 @@ int main(int argc, char** argv) {
     // the first figure.
     const uint64_t warmup = std::max<uint64_t>(options.warmup, 2);
     soak.run({warmup, warmup, warmup, warmup / 2, 0});
+    const uint64_t warmup_failures = soak.failures();
     soak.reset();
     const long rss_start = resident_kib();
 
@@ -466,7 +485,11 @@ int main(int argc, char** argv) {
         "soak: resident memory %ld KiB at the start, %ld KiB at the end, growth %ld KiB "
         "(limit %ld KiB)\n",
         rss_start, rss_end, growth, kGrowthLimitKiB);
-    const bool passed = clean && rss_start > 0 && growth < kGrowthLimitKiB;
+    if (warmup_failures > 0) {
+        std::printf("soak: %llu failed during the warm-up\n",
+                    static_cast<unsigned long long>(warmup_failures));
+    }
+    const bool passed = clean && warmup_failures == 0 && rss_start > 0 && growth < kGrowthLimitKiB;
     std::printf("soak: %s in %.1f s\n", passed ? "PASSED" : "FAILED",
                 std::chrono::duration<double>(Clock::now() - begin).count());
     return passed ? 0 : 1;

@@ -50,6 +50,7 @@
 #include "ecu/tavi/com/protocol_types.h"
 #include "ecu/tavi/config/configuration.h"
 #include "ecu/tavi/logging/logging.h"
+#include "overrides.h"
 #include "sync_call.h"
 #include "tavi_assert.h"
 #include "topics.h"
@@ -259,8 +260,11 @@ bool MqttClient::wait_until_connected() {
 }
 
 bool MqttClient::retry_pause(std::chrono::milliseconds delay) {
+    // The pauses are fixed waits of the protocol: tests that restart the broker shorten them
+    // with the others.
     std::unique_lock<std::mutex> lock(m_ready_mutex);
-    return !m_ready_cv.wait_for(lock, delay, [this] { return m_stop_requested.load(); });
+    return !m_ready_cv.wait_for(lock, tavi::_internal::fixed_wait(delay),
+                                [this] { return m_stop_requested.load(); });
 }
 
 void MqttClient::notify_ready_waiters() {

@@ -2,9 +2,9 @@
 // to reach them, and the library reads them where it would otherwise use a constant.
 //
 // - The fixed waits of the platform protocols (a first service status within 5 s, an RPC
-//   answer within 30 s, the system parameter table within 60 s, ...) are written at their
-//   nominal lengths and divided by one factor, so that tests can see every time-out without
-//   making the suite slow.
+//   answer within 30 s, the system parameter table within 60 s, the transport's 5 s pause
+//   before it reconnects, ...) are written at their nominal lengths and divided by one
+//   factor, so that tests can see every time-out without making the suite slow.
 // - The host name file that tells the partition (normally "/etc/hostname"), so that tests
 //   can play the TPA partition.
 //

@@ -20,6 +20,7 @@
 #include "ecu/tavi/com/message.h"
 #include "ecu/tavi/rt/signaladapter.h"
 #include "ecu/tavi/sim/testkit.h"
+#include "overrides.h"
 #include "support/capture.h"
 #include "support/mqtt_peer.h"
 
@@ -139,6 +140,31 @@ TEST_F(SimTest, DelayedIpcdHoldsBackTheConfirmation) {
     auto app = application("sim-delayed", kTopic);
     EXPECT_FALSE(app->wait_ready(1s));
     EXPECT_TRUE(app->wait_ready(10s));
+    app->stop();
+}
+
+TEST_F(SimTest, DaemonsAreBackWithTheirRetainedStateAfterTheBrokerRestarts) {
+    const tavi::_internal::ScopedOverrides fast(50);  // reconnects after 100 ms
+    // Once an application has the variable, the broker holds it: nothing is left in flight.
+    auto before = std::make_shared<Inbox>();
+    auto first = application("sim-before-restart", "system/var/hwversion", before);
+    ASSERT_TRUE(wait_until([&] { return !before->messages().empty(); }));
+    first->stop();
+    ASSERT_TRUE(m_kit.broker().restart());
+    ASSERT_TRUE(m_kit.simulator().wait_ready(10s));
+
+    // The restarted broker kept nothing: the variable is there because the daemon published
+    // it again, and the application is ready because IPCd listens again.
+    auto groups = std::make_shared<Inbox>();
+    auto variables = std::make_shared<Inbox>();
+    auto app = application("sim-after-restart", kTopic, groups);
+    app->subscribe("system/var/hwversion", 0, variables);
+    ASSERT_TRUE(app->wait_ready(10s));
+    EXPECT_TRUE(wait_until([&] { return !variables->messages().empty(); }));
+    auto group = rt::SignalAdapter::instance().create_sg(kTopic);
+    ASSERT_TRUE(group);
+    ASSERT_EQ(app->publish(kTopic, rt::SignalAdapter::instance().pack(*group).value()), 0);
+    EXPECT_TRUE(wait_until([&] { return groups->messages().size() == 1; }));
     app->stop();
 }
 

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
 #include <sstream>
 #include <utility>
 
@@ -62,21 +65,89 @@ const char* connack_text(int rc) {
     }
 }
 
-// Remembers why the broker refused a daemon's connection, for the error message.
-class RefusalObserver : public com::IConnectionObserver {
+// How often a probe is sent again while none came back: one sent before the daemon's
+// network thread noticed a lost connection is lost with it.
+constexpr auto kProbeInterval = std::chrono::milliseconds(100);
+
+}  // namespace
+
+// Watches one daemon's connection: why the broker refused it, whether it is up, and the
+// probes the daemon sends itself through the broker. When the connection comes back under a
+// running simulator, the daemon publishes its state again: a restarted broker has lost
+// every retained message.
+class DaemonLink : public com::IConnectionObserver, public com::ISubscriptionObserver {
 public:
+    DaemonLink(Daemon& daemon, const std::atomic<bool>& running)
+        : m_daemon(daemon), m_running(running), m_probe_topic("tavi-sim/probe/" + daemon.name()) {}
+
+    const std::string& probe_topic() const { return m_probe_topic; }
+    int refusal() const { return m_refusal; }
+
+    // Called after the transport has subscribed everything again, so a probe sent from now
+    // on travels behind those subscriptions and the state.
     void on_connect(int rc) override {
         if (rc != 0) {
             m_refusal = rc;
+            return;
         }
+        if (m_running) {
+            m_daemon.publish_state();
+        }
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_connected = true;
+        }
+        m_cv.notify_all();
     }
-    int refusal() const { return m_refusal; }
+    void on_disconnect(int) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_connected = false;
+    }
+    void message(const std::string&, const com::Message& message) override {
+        const auto& data = message.get_data();
+        const uint64_t token =
+            std::strtoull(std::string(data.begin(), data.end()).c_str(), nullptr, 10);
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_returned = std::max(m_returned, token);
+        }
+        m_cv.notify_all();
+    }
+
+    // Sends probes on the daemon's connection until one of them comes back; false at the
+    // deadline.
+    bool probe(com::ITransportClient& transport, std::chrono::steady_clock::time_point deadline) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        const uint64_t first = m_sent + 1;
+        const auto returned = [&] { return m_returned >= first; };
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (!m_cv.wait_until(lock, deadline, [&] { return m_connected; })) {
+                return false;
+            }
+            const std::string token = std::to_string(++m_sent);
+            lock.unlock();
+            transport.publish(m_probe_topic, com::Message(token.data(), token.size()));
+            lock.lock();
+            const auto retry =
+                std::min(deadline, std::chrono::steady_clock::now() + kProbeInterval);
+            if (m_cv.wait_until(lock, retry, returned)) {
+                return true;
+            }
+        }
+        return returned();
+    }
 
 private:
+    Daemon& m_daemon;
+    const std::atomic<bool>& m_running;
+    const std::string m_probe_topic;
     std::atomic<int> m_refusal{0};
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+    bool m_connected = false;
+    uint64_t m_sent = 0;
+    uint64_t m_returned = 0;
 };
-
-}  // namespace
 
 Simulator::Simulator(SimulatorOptions options, std::shared_ptr<Unit> unit)
     : m_options(std::move(options)), m_unit(std::move(unit)) {
@@ -143,7 +214,6 @@ Result<void, SimulatorError> Simulator::start() {
         return R::err({SimulatorError::UNIT, join(errors)});
     }
 
-    std::vector<std::shared_ptr<RefusalObserver>> refusals;
     for (const auto& daemon : m_daemons) {
         // The library's configuration syntax: a "#" in a value would start a comment.
         std::ostringstream text;
@@ -159,8 +229,10 @@ Result<void, SimulatorError> Simulator::start() {
         auto configuration = config::Configuration::create_from_input(in);
         configuration->verify();
         auto transport = com::create_mqtt_client(configuration);
-        refusals.push_back(std::make_shared<RefusalObserver>());
-        transport->add_connection_observer(refusals.back());
+        auto link = std::make_shared<DaemonLink>(*daemon, m_running);
+        transport->add_connection_observer(link);
+        transport->subscribe(link->probe_topic(), 0, link);
+        m_links.push_back(link);
         m_transports.push_back(transport);
         daemon->attach(transport, m_unit, &m_options);
         auto prepared = daemon->setup();
@@ -189,7 +261,7 @@ Result<void, SimulatorError> Simulator::start() {
         if (m_transports[i]->isConnected()) {
             message = "the broker at " + broker + " did not acknowledge the subscriptions of " +
                       m_daemons[i]->name() + " within " + timeout;
-        } else if (int rc = refusals[i]->refusal(); rc != 0) {
+        } else if (int rc = m_links[i]->refusal(); rc != 0) {
             message = "the broker at " + broker + " refused the connection: " + connack_text(rc) +
                       " (" + std::to_string(rc) + ")";
         } else {
@@ -222,11 +294,22 @@ void Simulator::stop() {
         transport->stop();
     }
     m_transports.clear();
+    m_links.clear();
     if (m_running) {
         NOTICE << s_log << "stopped";
         NOTICE.do_flush();
     }
     m_running = false;
+}
+
+bool Simulator::wait_ready(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (size_t i = 0; i < m_links.size(); ++i) {
+        if (!m_links[i]->probe(*m_transports[i], deadline)) {
+            return false;
+        }
+    }
+    return m_running;
 }
 
 std::vector<std::string> Simulator::daemon_names() const {

@@ -20,6 +20,8 @@
 
 namespace ecu::tavi::sim {
 
+class DaemonLink;
+
 struct SimulatorOptions {
     // The broker connection in the library's configuration keys ("host", "port",
     // "login_username", "login_password", "tls.enable", "tls.cafile", ...). Every daemon
@@ -72,6 +74,11 @@ public:
     // Lets each daemon say its last words, then disconnects them. Idempotent.
     void stop();
     bool running() const { return m_running.load(); }
+    // Whether every daemon is connected with its subscriptions in place and its state
+    // published again, as after a broker restart under the running simulator: each daemon
+    // sends itself a probe through the broker, which comes back only after the broker has
+    // handled everything sent before it on that connection. False at the time-out.
+    bool wait_ready(std::chrono::milliseconds timeout);
 
     std::vector<std::string> daemon_names() const;
     const Unit& unit() const { return *m_unit; }
@@ -94,6 +101,8 @@ private:
     // The simulator's own keys and the daemons', gathered once: they never change.
     std::vector<UnitKey> m_known_keys;
     std::vector<std::shared_ptr<com::ITransportClient>> m_transports;
+    // One per transport, in the same order.
+    std::vector<std::shared_ptr<DaemonLink>> m_links;
     std::atomic<bool> m_running{false};
 };
 

@@ -8,7 +8,7 @@ include(CMakePackageConfigHelpers)
 # --as-needed names only libmurntavi, which must then find libkovproto on its own. The
 # tools find them from the program directory, so the tree runs from wherever it is put.
 set_target_properties(murntavi kovproto PROPERTIES INSTALL_RPATH "\$ORIGIN")
-if(TARGET tavi-sim)
+if(MURNTAVI_TOOLS)
     file(RELATIVE_PATH _bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
     set_target_properties(murntavi-sim PROPERTIES INSTALL_RPATH "\$ORIGIN")
     set_target_properties(tavi-sim tavictl PROPERTIES INSTALL_RPATH "\$ORIGIN/${_bin_to_lib}")

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "build_identity.h"
 #include "ecu/tavi/logging/logging.h"
 #include "version_internal.h"
 

@@ -414,6 +414,13 @@ bool Broker::start() {
         return false;
     }
     if (m_port != 0) {
+        // A restart keeps its port. If another process took it meanwhile, its listener would
+        // pass for ours: refuse, rather than hand clients a broker that is not this one.
+        if (port_in_use(m_options.host, m_port)) {
+            m_error = "port " + std::to_string(m_port) + " on " + m_options.host +
+                      " was taken by another process while the broker was stopped";
+            return false;
+        }
         return spawn();
     }
     if (m_options.port != 0) {
